@@ -1,0 +1,159 @@
+#include "module/core/DFDownloadManager.h"
+
+#include <algorithm>
+#include <mutex>
+
+#include "module/platform/FileManager.h"
+#include "module/platform/Log.h"
+#include "module/platform/UserDefaults.h"
+
+namespace {
+
+constexpr auto kSharedInstanceDelay = std::chrono::seconds(10);
+constexpr auto kRetryTimerInterval = std::chrono::seconds(30);
+constexpr const char* kDatabaseName = "DFDownloadManager";
+constexpr const char* kTmpDirectoryName = "DownloaderTmpFiles";
+
+}  // namespace
+
+void DFDownloadManager::load() {
+  platform::dispatchAfterMain(kSharedInstanceDelay, [] { sharedInstance(); });
+}
+
+std::shared_ptr<DFDownloadManager> DFDownloadManager::sharedInstance() {
+  // Never destroyed: the manager lives as long as the process.
+  static std::once_flag once;
+  static std::shared_ptr<DFDownloadManager>* instance = nullptr;
+  std::call_once(once, [] { instance = new std::shared_ptr<DFDownloadManager>(init()); });
+  return *instance;
+}
+
+std::string DFDownloadManager::tmpFilePathForFilename(const std::string& filename) {
+  auto files = platform::FileManager::defaultManager();
+  std::string directory = files->libraryDirectory() + "/" + kTmpDirectoryName;
+  files->createDirectoryAtPath(directory);
+  return directory + "/" + filename;
+}
+
+DFDownloadManager::DFDownloadManager(Passkey) {}
+
+DFDownloadManager::~DFDownloadManager() = default;
+
+std::shared_ptr<DFDownloadManager> DFDownloadManager::init() {
+  DCHECK_ON_MAIN();
+  auto manager = std::make_shared<DFDownloadManager>(Passkey{});
+  manager->_database = platform::RecordDatabase::initWithName(kDatabaseName, 0);
+  if (manager->_database) {
+    for (auto& [uniqueId, record] : manager->_database->items<DFDownloadOperation>())
+      manager->_downloadOperations.push_back(std::move(record));
+  } else {
+    platform::log("download manager: no record database; the queue will not be kept");
+  }
+  std::sort(manager->_downloadOperations.begin(), manager->_downloadOperations.end(),
+            [](const Record& a, const Record& b) { return a->priority() < b->priority(); });
+
+  if (auto monitor = platform::NetworkMonitor::sharedInstance()) monitor->addDelegate(manager);
+  manager->updateDownloads();
+  std::weak_ptr<DFDownloadManager> weak = manager;
+  manager->_retryTimer = platform::scheduledTimer(kRetryTimerInterval, [weak] {
+    if (auto self = weak.lock()) self->retryTimerFired();
+  });
+  return manager;
+}
+
+void DFDownloadManager::addDelegate(const std::shared_ptr<DFDownloadManagerDelegate>& delegate) {
+  DCHECK_ON_MAIN();
+  _delegates.addObject(delegate);
+}
+
+void DFDownloadManager::removeDelegate(const DFDownloadManagerDelegate* delegate) {
+  DCHECK_ON_MAIN();
+  _delegates.removeObject(delegate);
+}
+
+std::vector<DFDownloadManager::Record> DFDownloadManager::downloadOperations() const {
+  DCHECK_ON_MAIN();
+  return _downloadOperations;
+}
+
+bool DFDownloadManager::downloadsInProgress() const {
+  DCHECK_ON_MAIN();
+  return !_downloadOperationDataLoaders.empty();
+}
+
+bool DFDownloadManager::downloadOperationInProgress(const Record& downloadOperation) const {
+  DCHECK_ON_MAIN();
+  return std::any_of(_downloadOperationDataLoaders.begin(), _downloadOperationDataLoaders.end(),
+                     [&](const auto& loader) { return loader->downloadOperation() == downloadOperation; });
+}
+
+void DFDownloadManager::updateDownloadOperation(const Record& downloadOperation) {
+  DCHECK_ON_MAIN();
+  if (_database) _database->updateItemWithUniqueId(downloadOperation->uniqueId(), *downloadOperation);
+  notifyDelegates([&](DFDownloadManagerDelegate& d) { d.downloadOperationChanged(*this, downloadOperation); });
+}
+
+int64_t DFDownloadManager::maxActiveDownloadCount() const {
+  auto defaults = platform::UserDefaults::standardUserDefaults();
+  return defaults->integerForKey(kMaxActiveDownloadCountPreference).value_or(3);
+}
+
+bool DFDownloadManager::useCellularData() const {
+  auto defaults = platform::UserDefaults::standardUserDefaults();
+  return defaults->boolForKey(kUseCellularDataPreference).value_or(true);
+}
+
+bool DFDownloadManager::downloadsPermitted() const {
+  auto defaults = platform::UserDefaults::standardUserDefaults();
+  return defaults->boolForKey(kDownloadsPermittedPreference).value_or(true);
+}
+
+void DFDownloadManager::setMaxActiveDownloadCount(int64_t count) {
+  DCHECK_ON_MAIN();
+  auto defaults = platform::UserDefaults::standardUserDefaults();
+  defaults->setInteger(count, kMaxActiveDownloadCountPreference);
+  defaults->synchronize();
+  updateDownloads();
+}
+
+void DFDownloadManager::setUseCellularData(bool use) {
+  DCHECK_ON_MAIN();
+  auto defaults = platform::UserDefaults::standardUserDefaults();
+  defaults->setBool(use, kUseCellularDataPreference);
+  defaults->synchronize();
+  updateDownloads();
+}
+
+void DFDownloadManager::setDownloadsPermitted(bool permitted) {
+  DCHECK_ON_MAIN();
+  auto defaults = platform::UserDefaults::standardUserDefaults();
+  defaults->setBool(permitted, kDownloadsPermittedPreference);
+  defaults->synchronize();
+  updateDownloads();
+}
+
+void DFDownloadManager::updateDownloads() {
+  DCHECK_ON_MAIN();
+  // Scheduling arrives with the transfer loaders.
+}
+
+void DFDownloadManager::retryTimerFired() {
+  DCHECK_ON_MAIN();
+  updateDownloads();
+}
+
+void DFDownloadManager::networkManagerInternetConnectionStatusChanged(platform::NetworkMonitor&) {
+  DCHECK_ON_MAIN();
+  updateDownloads();
+}
+
+void DFDownloadManager::downloadOperationDataLoaderDownloadOperationUpdated(DFDownloadOperationDataLoader& loader) {
+  DCHECK_ON_MAIN();
+  updateDownloadOperation(loader.downloadOperation());
+}
+
+void DFDownloadManager::downloadOperationDataLoader(DFDownloadOperationDataLoader&,
+                                                    const std::optional<std::string>&) {
+  DCHECK_ON_MAIN();
+  // Completion and placement arrive with the transfer loaders.
+}

@@ -1,0 +1,96 @@
+// The single owner of the download queue: the ordered records and their
+// database entries, the probes and transfers in progress, the retry timer and
+// the three settings. Tells its observers about every change.
+// REQUIRES: every call on the main thread.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "module/core/DFDownloadManagerDelegate.h"
+#include "module/core/DFDownloadOperation.h"
+#include "module/platform/MainQueue.h"
+#include "module/platform/NetworkMonitor.h"
+#include "module/platform/RecordDatabase.h"
+#include "module/platform/ValueHolder.h"
+#include "module/platform/WeakObjectSet.h"
+#include "module/transfer/DFDownloadOperationDataLoader.h"
+
+class DFDownloadManager : public std::enable_shared_from_this<DFDownloadManager>,
+                          public platform::NetworkMonitorDelegate,
+                          public DFDownloadOperationDataLoaderDelegate {
+  struct Passkey {};
+
+ public:
+  using Record = std::shared_ptr<DFDownloadOperation>;
+  // What an intake reports: the queued record or none, and a message or none.
+  using CompletionBlock = std::function<void(const Record&, const std::optional<std::string>&)>;
+
+  static constexpr const char* kMaxActiveDownloadCountPreference = "DFMaxActiveDownloadCountPreference";
+  static constexpr const char* kUseCellularDataPreference = "DFUseCellularDataPreference";
+  static constexpr const char* kDownloadsPermittedPreference = "DFDownloadsPermittedPreference";
+
+  // The module's load hook: creates the shared manager 10 seconds later on the main queue.
+  static void load();
+  // The one manager of the process, created on first call.
+  static std::shared_ptr<DFDownloadManager> sharedInstance();
+  // Library/DownloaderTmpFiles/`filename`; the folder is created on every call.
+  static std::string tmpFilePathForFilename(const std::string& filename);
+
+  // Creates a manager: opens the database, restores the queue sorted by
+  // priority, subscribes to the network monitor, schedules once and starts the
+  // 30-second retry timer. sharedInstance() uses it; tests make their own.
+  static std::shared_ptr<DFDownloadManager> init();
+
+  explicit DFDownloadManager(Passkey);
+  ~DFDownloadManager() override;
+  DFDownloadManager(const DFDownloadManager&) = delete;
+  DFDownloadManager& operator=(const DFDownloadManager&) = delete;
+
+  void addDelegate(const std::shared_ptr<DFDownloadManagerDelegate>& delegate);
+  void removeDelegate(const DFDownloadManagerDelegate* delegate);
+
+  // A copy of the queue in its current order.
+  std::vector<Record> downloadOperations() const;
+  bool downloadsInProgress() const;
+  bool downloadOperationInProgress(const Record& downloadOperation) const;
+  // Saves the record and sends Changed.
+  void updateDownloadOperation(const Record& downloadOperation);
+
+  // Settings, read afresh from the defaults on every call.
+  int64_t maxActiveDownloadCount() const;
+  bool useCellularData() const;
+  bool downloadsPermitted() const;
+  // Each setter writes its key, synchronises the defaults at once, then schedules.
+  void setMaxActiveDownloadCount(int64_t count);
+  void setUseCellularData(bool use);
+  void setDownloadsPermitted(bool permitted);
+
+  // The scheduler.
+  void updateDownloads();
+  void retryTimerFired();
+  bool retryTimerRunning() const { return _retryTimer && _retryTimer->isValid(); }
+
+  void networkManagerInternetConnectionStatusChanged(platform::NetworkMonitor& monitor) override;
+  void downloadOperationDataLoaderDownloadOperationUpdated(DFDownloadOperationDataLoader& loader) override;
+  void downloadOperationDataLoader(DFDownloadOperationDataLoader& loader,
+                                   const std::optional<std::string>& completeWithError) override;
+
+ private:
+  template <class Call>
+  void notifyDelegates(Call call) {
+    for (const auto& delegate : _delegates.objects()) call(*delegate);
+  }
+
+  std::vector<Record> _downloadOperations;
+  std::shared_ptr<platform::RecordDatabase> _database;
+  platform::WeakObjectSet<DFDownloadManagerDelegate> _delegates;
+  std::unordered_map<platform::ValueHolder, CompletionBlock> _downloadOperationInfoLoaders;
+  std::vector<std::shared_ptr<DFDownloadOperationDataLoader>> _downloadOperationDataLoaders;
+  std::unique_ptr<platform::RepeatingTimer> _retryTimer;
+};

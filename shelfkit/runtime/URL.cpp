@@ -1,0 +1,65 @@
+#include "module/platform/URL.h"
+
+#include <curl/curl.h>
+
+#include <memory>
+
+namespace platform {
+namespace {
+
+struct UrlDeleter {
+  void operator()(CURLU* u) const { curl_url_cleanup(u); }
+};
+
+std::string part(CURLU* url, CURLUPart which, unsigned flags = 0) {
+  char* value = nullptr;
+  if (curl_url_get(url, which, &value, flags) != CURLUE_OK || !value) return "";
+  std::string text(value);
+  curl_free(value);
+  return text;
+}
+
+}  // namespace
+
+std::optional<URL> URL::URLWithString(const std::string& text) {
+  if (text.empty() || text.find('\0') != std::string::npos) return std::nullopt;
+  std::unique_ptr<CURLU, UrlDeleter> handle(curl_url());
+  if (!handle) return std::nullopt;
+  if (curl_url_set(handle.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
+    return std::nullopt;
+  URL url;
+  url.absolute_ = part(handle.get(), CURLUPART_URL);
+  url.scheme_ = part(handle.get(), CURLUPART_SCHEME);
+  url.host_ = part(handle.get(), CURLUPART_HOST);
+  url.path_ = part(handle.get(), CURLUPART_PATH, CURLU_URLDECODE);
+  if (url.path_.empty()) url.path_ = "/";
+  if (url.absolute_.empty() || url.scheme_.empty()) return std::nullopt;
+  return url;
+}
+
+std::string URL::lastPathComponent() const { return lastPathComponentOfPath(path_); }
+
+std::string lastPathComponentOfPath(const std::string& path) {
+  std::string trimmed = path;
+  while (trimmed.size() > 1 && trimmed.back() == '/') trimmed.pop_back();
+  if (trimmed == "/") return "/";
+  auto slash = trimmed.rfind('/');
+  return slash == std::string::npos ? trimmed : trimmed.substr(slash + 1);
+}
+
+std::string pathExtension(const std::string& path) {
+  std::string last = lastPathComponentOfPath(path);
+  auto dot = last.rfind('.');
+  if (dot == std::string::npos || dot == 0 || dot + 1 == last.size()) return "";
+  return last.substr(dot + 1);
+}
+
+std::string deletingPathExtension(const std::string& path) {
+  std::string extension = pathExtension(path);
+  if (extension.empty()) return path;
+  std::string trimmed = path;
+  while (trimmed.size() > 1 && trimmed.back() == '/') trimmed.pop_back();
+  return trimmed.substr(0, trimmed.size() - extension.size() - 1);
+}
+
+}  // namespace platform

@@ -1,0 +1,41 @@
+// A host for one test: a temporary root, an installed main loop on the test's
+// thread, the real defaults store, file manager and record databases, and a
+// fake network monitor. Everything is uninstalled and deleted at the end.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "shelfkit/runtime/MainLoop.h"
+#include "shelfkit/runtime/RootLayout.h"
+#include "tests/fakes/FakeNetworkMonitor.h"
+
+class TestHost {
+ public:
+  TestHost();
+  ~TestHost();
+  TestHost(const TestHost&) = delete;
+  TestHost& operator=(const TestHost&) = delete;
+
+  const shelfkit::RootLayout& layout() const { return layout_; }
+  shelfkit::MainLoop& loop() { return *loop_; }
+  FakeNetworkMonitor& network() { return *network_; }
+
+  // Replaces the defaults store with a fresh one read from disk, as a restart would.
+  void reloadDefaults();
+
+  bool runUntil(const std::function<bool()>& condition,
+                std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    return loop_->runUntil(condition, timeout);
+  }
+
+ private:
+  shelfkit::RootLayout layout_;
+  std::shared_ptr<shelfkit::MainLoop> loop_;
+  std::shared_ptr<FakeNetworkMonitor> network_;
+};
+
+// A fresh empty directory under the system's temporary folder; removed by the caller.
+std::string makeTemporaryDirectory();

@@ -1,0 +1,57 @@
+#include <gtest/gtest.h>
+
+#include "shelfkit/kits/NetlinkNetworkMonitor.h"
+#include "shelfkit/kits/Reachability.h"
+#include "tests/support/TestHost.h"
+
+namespace {
+
+using shelfkit::LinkInfo;
+using shelfkit::Reachability;
+
+TEST(Reachability, ClassifiesDefaultRoutesByTheirInterface) {
+  const std::vector<LinkInfo> links = {
+      {1, "lo", true},      {2, "eth0", true},  {3, "wlan0", true}, {4, "wwan0", true},
+      {5, "ppp0", true},    {6, "eth1", false}, {7, "enp3s0", true}, {8, "wwan1", false},
+  };
+  struct Case {
+    const char* name;
+    std::vector<int> defaults;
+    Reachability expected;
+  } cases[] = {
+      {"no default route", {}, {false, false}},
+      {"wired Ethernet counts as Wi-Fi", {2}, {true, true}},
+      {"Wi-Fi", {3}, {true, true}},
+      {"predictable wired name", {7}, {true, true}},
+      {"cellular modem only", {4}, {true, false}},
+      {"point-to-point only", {5}, {true, false}},
+      {"route through a down interface", {6}, {false, false}},
+      {"down cellular", {8}, {false, false}},
+      {"cellular and Wi-Fi", {4, 3}, {true, true}},
+      {"down Wi-Fi and up cellular", {6, 4}, {true, false}},
+      {"route through an unknown interface", {42}, {false, false}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(shelfkit::classifyReachability(c.defaults, links), c.expected);
+  }
+}
+
+TEST(Reachability, CellularNamesArePrefixes) {
+  EXPECT_TRUE(shelfkit::isCellularInterface("wwan0"));
+  EXPECT_TRUE(shelfkit::isCellularInterface("ppp1"));
+  EXPECT_FALSE(shelfkit::isCellularInterface("eth0"));
+  EXPECT_FALSE(shelfkit::isCellularInterface("wlp2s0"));
+  EXPECT_FALSE(shelfkit::isCellularInterface("vppp"));
+}
+
+TEST(NetlinkNetworkMonitor, AgreesWithAFreshReadOfTheRoutingTable) {
+  TestHost host;
+  auto monitor = shelfkit::NetlinkNetworkMonitor::create(host.loop().context());
+  Reachability read = shelfkit::NetlinkNetworkMonitor::readReachability();
+  EXPECT_EQ(monitor->internetAvailable(), read.internet);
+  EXPECT_EQ(monitor->internetViaWiFiAvailable(), read.wifi);
+  EXPECT_TRUE(!read.wifi || read.internet) << "Wi-Fi implies internet";
+}
+
+}  // namespace

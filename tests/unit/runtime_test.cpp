@@ -1,0 +1,232 @@
+#include <gtest/gtest.h>
+
+#include <sys/statfs.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "module/platform/FileManager.h"
+#include "module/platform/Localization.h"
+#include "module/platform/MainQueue.h"
+#include "module/platform/OperationQueue.h"
+#include "module/platform/URL.h"
+#include "tests/support/TestHost.h"
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+TEST(OperationQueue, SerialQueueRunsOneAtATimeInOrder) {
+  auto queue = platform::OperationQueue::create(1);
+  std::vector<int> order;
+  std::atomic<int> inside{0}, overlap{0};
+  for (int i = 0; i < 200; ++i) {
+    queue->addOperation([&, i] {
+      if (++inside > 1) ++overlap;
+      order.push_back(i);
+      --inside;
+    });
+  }
+  queue->waitUntilAllOperationsAreFinished();
+  EXPECT_EQ(overlap, 0);
+  ASSERT_EQ(order.size(), 200u);
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
+TEST(OperationQueue, ConcurrentQueueRespectsItsLimit) {
+  auto queue = platform::OperationQueue::create(3);
+  std::atomic<int> inside{0}, most{0}, done{0};
+  for (int i = 0; i < 12; ++i) {
+    queue->addOperation([&] {
+      int now = ++inside;
+      int seen = most.load();
+      while (now > seen && !most.compare_exchange_weak(seen, now)) {
+      }
+      std::this_thread::sleep_for(20ms);
+      --inside;
+      ++done;
+    });
+  }
+  queue->waitUntilAllOperationsAreFinished();
+  EXPECT_EQ(done, 12);
+  EXPECT_EQ(most, 3);
+}
+
+TEST(OperationQueue, WaitIncludesOperationsAddedByOperations) {
+  auto queue = platform::OperationQueue::create(1);
+  std::atomic<bool> inner{false};
+  queue->addOperation([&] {
+    std::this_thread::sleep_for(10ms);
+    queue->addOperation([&] { inner = true; });
+  });
+  queue->waitUntilAllOperationsAreFinished();
+  EXPECT_TRUE(inner);
+  EXPECT_EQ(queue->operationCount(), 0u);
+}
+
+TEST(OperationQueue, ManySerialQueuesShareAFewThreads) {
+  std::vector<std::shared_ptr<platform::OperationQueue>> queues;
+  std::atomic<int> ran{0};
+  for (int i = 0; i < 200; ++i) {
+    queues.push_back(platform::OperationQueue::create(1));
+    for (int j = 0; j < 5; ++j) queues.back()->addOperation([&] { ++ran; });
+  }
+  for (auto& q : queues) q->waitUntilAllOperationsAreFinished();
+  EXPECT_EQ(ran, 1000);
+  EXPECT_LT(platform::operationPoolThreadCount(), 32u);
+}
+
+TEST(OperationQueue, BlockingOperationDoesNotStarveOtherQueues) {
+  auto blocked = platform::OperationQueue::create(1);
+  std::atomic<bool> release{false};
+  for (int i = 0; i < 8; ++i)
+    platform::OperationQueue::create(1)->addOperation([&] {
+      while (!release) std::this_thread::sleep_for(1ms);
+    });
+  auto other = platform::OperationQueue::create(1);
+  std::atomic<bool> ran{false};
+  other->addOperation([&] { ran = true; });
+  other->waitUntilAllOperationsAreFinished();
+  EXPECT_TRUE(ran);
+  release = true;
+}
+
+TEST(OperationQueue, IsCurrentOnlyInsideItsOperations) {
+  auto queue = platform::OperationQueue::create(1);
+  std::atomic<bool> inside{false};
+  queue->addOperation([&] { inside = queue->isCurrent(); });
+  queue->waitUntilAllOperationsAreFinished();
+  EXPECT_TRUE(inside);
+  EXPECT_FALSE(queue->isCurrent());
+}
+
+TEST(MainLoop, DispatchFromWorkerRunsOnTheMainThreadInOrder) {
+  TestHost host;
+  std::vector<int> order;
+  bool allOnMain = true;
+  std::thread worker([&] {
+    EXPECT_FALSE(platform::isMainThread());
+    for (int i = 0; i < 5; ++i)
+      platform::dispatchAsyncMain([&, i] {
+        allOnMain = allOnMain && platform::isMainThread();
+        order.push_back(i);
+      });
+  });
+  worker.join();
+  ASSERT_TRUE(host.runUntil([&] { return order.size() == 5; }));
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
+  EXPECT_TRUE(allOnMain);
+}
+
+TEST(MainLoop, DelayedDispatchWaitsAtLeastItsDelay) {
+  TestHost host;
+  std::vector<std::string> fired;
+  auto start = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::duration late{};
+  platform::dispatchAfterMain(150ms, [&] {
+    late = std::chrono::steady_clock::now() - start;
+    fired.push_back("late");
+  });
+  platform::dispatchAsyncMain([&] { fired.push_back("now"); });
+  ASSERT_TRUE(host.runUntil([&] { return fired.size() == 2; }));
+  EXPECT_EQ(fired, (std::vector<std::string>{"now", "late"}));
+  EXPECT_GE(late, 150ms);
+}
+
+TEST(MainLoop, RepeatingTimerFiresUntilInvalidated) {
+  TestHost host;
+  int ticks = 0;
+  std::unique_ptr<platform::RepeatingTimer> timer;
+  timer = platform::scheduledTimer(20ms, [&] {
+    if (++ticks == 3) timer->invalidate();
+  });
+  ASSERT_TRUE(host.runUntil([&] { return ticks == 3; }));
+  host.loop().runFor(100ms);
+  EXPECT_EQ(ticks, 3);
+  EXPECT_FALSE(timer->isValid());
+
+  int other = 0;
+  auto dropped = platform::scheduledTimer(10ms, [&] { ++other; });
+  dropped.reset();  // destroying a timer stops it
+  host.loop().runFor(60ms);
+  EXPECT_EQ(other, 0);
+}
+
+TEST(URL, ParsesAbsoluteURLsAndRefusesOthers) {
+  struct Case {
+    const char* text;
+    bool ok;
+    const char* host;
+    const char* path;
+    const char* last;
+  } cases[] = {
+      {"http://example.com/a/b.zip", true, "example.com", "/a/b.zip", "b.zip"},
+      {"https://Example.COM:8443/dir/?q=1#f", true, "Example.COM", "/dir/", "dir"},
+      {"http://h.test", true, "h.test", "/", "/"},
+      {"http://h.test/some%20file.txt", true, "h.test", "/some file.txt", "some file.txt"},
+      {"ftp://files.test/x", true, "files.test", "/x", "x"},
+      {"http://[::1]:8080/v", true, "[::1]", "/v", "v"},
+      {"example.com/a", false, "", "", ""},
+      {"", false, "", "", ""},
+      {"http://", false, "", "", ""},
+      {"not a url", false, "", "", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    auto url = platform::URL::URLWithString(c.text);
+    ASSERT_EQ(url.has_value(), c.ok);
+    if (!url) continue;
+    EXPECT_EQ(url->host(), c.host);
+    EXPECT_EQ(url->path(), c.path);
+    EXPECT_EQ(url->lastPathComponent(), c.last);
+  }
+}
+
+TEST(URL, PathExtensionHelpers) {
+  EXPECT_EQ(platform::pathExtension("a/b/list.m3u8"), "m3u8");
+  EXPECT_EQ(platform::pathExtension("archive.tar.gz"), "gz");
+  EXPECT_EQ(platform::pathExtension(".hidden"), "");
+  EXPECT_EQ(platform::pathExtension("noext"), "");
+  EXPECT_EQ(platform::pathExtension("dir.d/file"), "");
+  EXPECT_EQ(platform::deletingPathExtension("a.mp3"), "a");
+  EXPECT_EQ(platform::deletingPathExtension("notes"), "notes");
+}
+
+TEST(Localization, TranslatesKnownTextsAndFallsBackToEnglish) {
+  platform::bindTextDomain("shelftest", SHELF_TEST_LOCALE_DIR);
+  platform::setPreferredLanguage("de");
+  EXPECT_EQ(platform::localizedString("shelftest", "Downloads"), "Herunterladen");
+  EXPECT_EQ(platform::localizedString("shelftest", "Not translated"), "Not translated");
+  EXPECT_EQ(platform::localizedString("shelftest", ""), "");
+  platform::setPreferredLanguage("fr");
+  EXPECT_EQ(platform::localizedString("shelftest", "Downloads"), "Downloads");
+  platform::setPreferredLanguage("");
+}
+
+TEST(FileManager, MovesAcrossFileSystemsAndReportsFailures) {
+  TestHost host;
+  auto files = platform::FileManager::defaultManager();
+  std::string src = host.layout().library + "/src.bin";
+  std::ofstream(src, std::ios::binary) << std::string(100000, 'z');
+  EXPECT_EQ(files->fileSizeAtPath(src), 100000);
+  EXPECT_FALSE(files->fileSizeAtPath(host.layout().library)) << "a directory has no file size";
+
+  // /dev/shm is a tmpfs, so this move crosses file systems when the root is not on one.
+  std::string other = "/dev/shm/shelf-move-" + std::to_string(::getpid());
+  ASSERT_TRUE(files->moveItemAtPath(src, other));
+  EXPECT_FALSE(files->fileExistsAtPath(src));
+  EXPECT_EQ(files->fileSizeAtPath(other), 100000);
+  std::string back = host.layout().documents + "/back.bin";
+  ASSERT_TRUE(files->moveItemAtPath(other, back));
+  EXPECT_EQ(files->fileSizeAtPath(back), 100000);
+  EXPECT_FALSE(files->fileExistsAtPath(other));
+
+  EXPECT_FALSE(files->moveItemAtPath(host.layout().library + "/missing", back + "2"));
+  EXPECT_TRUE(files->removeItemAtPath(back));
+  EXPECT_FALSE(files->removeItemAtPath(back));
+}
+
+}  // namespace

@@ -1,0 +1,112 @@
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "shelfkit/runtime/JsonUserDefaults.h"
+#include "tests/support/TestHost.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), {});
+}
+
+class UserDefaultsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = makeTemporaryDirectory();
+    path_ = dir_ + "/defaults.json";
+    platform::setLogSinkForTesting([this](const std::string& line) { logs_.push_back(line); });
+  }
+  void TearDown() override {
+    platform::setLogSinkForTesting(nullptr);
+    fs::remove_all(dir_);
+  }
+  std::string dir_, path_;
+  std::vector<std::string> logs_;
+};
+
+TEST_F(UserDefaultsTest, ValuesSurviveSynchronizeAndReload) {
+  {
+    shelfkit::JsonUserDefaults defaults(path_);
+    defaults.setInteger(0, "zero");
+    defaults.setInteger(-1, "minusOne");
+    defaults.setBool(false, "off");
+    ASSERT_TRUE(defaults.synchronize());
+  }
+  shelfkit::JsonUserDefaults reloaded(path_);
+  EXPECT_EQ(reloaded.integerForKey("zero"), 0);
+  EXPECT_EQ(reloaded.integerForKey("minusOne"), -1);
+  EXPECT_EQ(reloaded.boolForKey("off"), false);
+  EXPECT_EQ(reloaded.integerForKey("absent"), std::nullopt);
+}
+
+TEST_F(UserDefaultsTest, TypedReadsFollowTheStoredObject) {
+  shelfkit::JsonUserDefaults defaults(path_);
+  struct Case {
+    nlohmann::json stored;
+    std::optional<int64_t> integer;
+    std::optional<bool> boolean;
+  } cases[] = {
+      {5, 5, true},         {0, 0, false},         {true, 1, true},        {false, 0, false},
+      {"7", 7, true},       {"YES", 0, true},      {"no", 0, false},       {2.9, 2, true},
+      {nullptr, std::nullopt, std::nullopt},       {nlohmann::json::array(), std::nullopt, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.stored.dump());
+    defaults.setObject(c.stored, "k");
+    EXPECT_EQ(defaults.integerForKey("k"), c.integer);
+    EXPECT_EQ(defaults.boolForKey("k"), c.boolean);
+  }
+}
+
+TEST_F(UserDefaultsTest, InvalidFileIsKeptAsideAndDefaultsApply) {
+  for (const char* bad : {"{not json", "[1,2]", "\"text\"", ""}) {
+    SCOPED_TRACE(bad);
+    fs::remove(path_ + ".corrupt");
+    std::ofstream(path_) << bad;
+    logs_.clear();
+    shelfkit::JsonUserDefaults defaults(path_);
+    EXPECT_FALSE(defaults.objectForKey("DFMaxActiveDownloadCountPreference"));
+    EXPECT_EQ(readFile(path_ + ".corrupt"), bad);
+    EXPECT_FALSE(fs::exists(path_));
+    ASSERT_EQ(logs_.size(), 1u);
+    EXPECT_NE(logs_[0].find("kept aside"), std::string::npos);
+  }
+}
+
+TEST_F(UserDefaultsTest, FailedWriteLeavesThePreviousFileWholeAndNoTemporaryFile) {
+  shelfkit::JsonUserDefaults defaults(path_);
+  defaults.setInteger(3, "count");
+  ASSERT_TRUE(defaults.synchronize());
+  const std::string before = readFile(path_);
+
+  defaults.setObject(std::string(1 << 16, 'x'), "big");
+  // A file-size limit makes the write fail part-way, as a full disk would.
+  struct sigaction ignore {}, previous {};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGXFSZ, &ignore, &previous);
+  rlimit old{};
+  getrlimit(RLIMIT_FSIZE, &old);
+  rlimit small = old;
+  small.rlim_cur = 4096;
+  setrlimit(RLIMIT_FSIZE, &small);
+  bool written = defaults.synchronize();
+  setrlimit(RLIMIT_FSIZE, &old);
+  sigaction(SIGXFSZ, &previous, nullptr);
+
+  EXPECT_FALSE(written);
+  EXPECT_EQ(readFile(path_), before);
+  int files = 0;
+  for (auto& entry : fs::directory_iterator(dir_)) files += entry.is_regular_file();
+  EXPECT_EQ(files, 1) << "no temporary file is left behind";
+}
+
+}  // namespace
