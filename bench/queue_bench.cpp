@@ -13,6 +13,7 @@
 #include "shelfkit/runtime/JsonUserDefaults.h"
 #include "shelfkit/runtime/MainLoop.h"
 #include "shelfkit/runtime/PosixFileManager.h"
+#include "shelfkit/runtime/RootLayout.h"
 
 namespace {
 

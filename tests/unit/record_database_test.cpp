@@ -7,6 +7,7 @@
 
 #include "module/core/DFDownloadOperation.h"
 #include "shelfkit/kits/SqliteRecordDatabase.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/TestHost.h"
 
 namespace fs = std::filesystem;
@@ -18,10 +19,8 @@ class RecordDatabaseTest : public ::testing::Test {
   void SetUp() override {
     dir_ = makeTemporaryDirectory();
     path_ = dir_ + "/DFDownloadManager.sqlite";
-    platform::setLogSinkForTesting([this](const std::string& line) { logs_.push_back(line); });
   }
   void TearDown() override {
-    platform::setLogSinkForTesting(nullptr);
     fs::remove_all(dir_);
   }
 
@@ -50,7 +49,8 @@ class RecordDatabaseTest : public ::testing::Test {
   }
 
   std::string dir_, path_;
-  std::vector<std::string> logs_;
+  LogCapture log_;
+  std::vector<std::string>& logs_ = log_.lines;
 };
 
 TEST_F(RecordDatabaseTest, WritesSurviveReopening) {

@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "shelfkit/runtime/JsonUserDefaults.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/TestHost.h"
 
 namespace fs = std::filesystem;
@@ -23,14 +24,13 @@ class UserDefaultsTest : public ::testing::Test {
   void SetUp() override {
     dir_ = makeTemporaryDirectory();
     path_ = dir_ + "/defaults.json";
-    platform::setLogSinkForTesting([this](const std::string& line) { logs_.push_back(line); });
   }
   void TearDown() override {
-    platform::setLogSinkForTesting(nullptr);
     fs::remove_all(dir_);
   }
   std::string dir_, path_;
-  std::vector<std::string> logs_;
+  LogCapture log_;
+  std::vector<std::string>& logs_ = log_.lines;
 };
 
 TEST_F(UserDefaultsTest, ValuesSurviveSynchronizeAndReload) {
