@@ -1,5 +1,6 @@
 #include "module/platform/OperationQueue.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <thread>
@@ -9,9 +10,11 @@
 namespace platform {
 namespace {
 
-// An elastic pool: a task waits for an idle worker, and a new worker is started
-// when every worker is busy, so a blocking operation cannot starve the others.
-// Workers idle for a while exit.
+// An elastic pool: a few workers (one per core) take short tasks in order.
+// When tasks wait and no task has finished for a while (every worker is
+// blocked in a long operation), a watcher starts another worker, so a blocking
+// operation cannot starve the others while a burst of short tasks adds no
+// threads. Workers idle for a while exit, down to the base count.
 class WorkerPool {
  public:
   static WorkerPool& shared() {
@@ -22,12 +25,13 @@ class WorkerPool {
   void submit(std::function<void()> task) {
     std::lock_guard lock(mutex_);
     tasks_.push_back(std::move(task));
-    if (tasks_.size() > idle_ && threads_ < kMaxThreads) {
-      ++threads_;
-      std::thread([this] { work(); }).detach();
-    } else {
-      wake_.notify_one();
+    if (threads_ < base_) spawn();
+    wake_.notify_one();
+    if (!watching_) {
+      watching_ = true;
+      std::thread([this] { watch(); }).detach();
     }
+    watcherWake_.notify_one();
   }
 
   std::size_t threadCount() {
@@ -37,7 +41,27 @@ class WorkerPool {
 
  private:
   static constexpr std::size_t kMaxThreads = 64;
+  static constexpr auto kStall = std::chrono::milliseconds(20);
   static constexpr auto kIdleExit = std::chrono::seconds(10);
+
+  WorkerPool() : base_(std::max(2u, std::thread::hardware_concurrency())) {}
+
+  void spawn() {  // REQUIRES: mutex_ held
+    ++threads_;
+    std::thread([this] { work(); }).detach();
+  }
+
+  void watch() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      watcherWake_.wait(lock, [this] { return !tasks_.empty(); });
+      const std::size_t finished = finished_;
+      lock.unlock();
+      std::this_thread::sleep_for(kStall);
+      lock.lock();
+      if (!tasks_.empty() && finished_ == finished && threads_ < kMaxThreads) spawn();
+    }
+  }
 
   void work() {
     std::unique_lock lock(mutex_);
@@ -45,23 +69,30 @@ class WorkerPool {
       ++idle_;
       bool woke = wake_.wait_for(lock, kIdleExit, [this] { return !tasks_.empty(); });
       --idle_;
-      if (!woke) {
+      if (!woke && threads_ > base_) {
         --threads_;
         return;
       }
+      if (tasks_.empty()) continue;
       auto task = std::move(tasks_.front());
       tasks_.pop_front();
       lock.unlock();
       task();
+      task = nullptr;
       lock.lock();
+      ++finished_;
     }
   }
 
-  std::mutex mutex_;
+  const std::size_t base_;
+  std::mutex mutex_;  // guards everything below
   std::condition_variable wake_;
+  std::condition_variable watcherWake_;
   std::deque<std::function<void()>> tasks_;
   std::size_t threads_ = 0;
   std::size_t idle_ = 0;
+  std::size_t finished_ = 0;
+  bool watching_ = false;
 };
 
 thread_local const OperationQueue* tCurrentQueue = nullptr;
@@ -85,27 +116,34 @@ void OperationQueue::addOperation(std::function<void()> operation) {
   }
 }
 
+// Runs one operation, then gives the worker back to the pool, so that a busy
+// queue cannot hold a worker while other queues wait.
 void OperationQueue::drain() {
+  std::function<void()> operation;
+  {
+    std::lock_guard lock(mutex_);
+    operation = std::move(pending_.front());
+    pending_.pop_front();
+  }
   const OperationQueue* outer = tCurrentQueue;
   tCurrentQueue = this;
-  std::unique_lock lock(mutex_);
-  while (!pending_.empty()) {
-    auto operation = std::move(pending_.front());
-    pending_.pop_front();
-    lock.unlock();
-    try {
-      operation();
-    } catch (const std::exception& e) {
-      log(std::string("operation queue: an operation threw: ") + e.what());
-    } catch (...) {
-      log("operation queue: an operation threw");
-    }
-    operation = nullptr;  // release captures before waiters wake
-    lock.lock();
+  try {
+    operation();
+  } catch (const std::exception& e) {
+    log(std::string("operation queue: an operation threw: ") + e.what());
+  } catch (...) {
+    log("operation queue: an operation threw");
+  }
+  operation = nullptr;  // release captures before waiters wake
+  tCurrentQueue = outer;
+
+  std::lock_guard lock(mutex_);
+  if (!pending_.empty()) {
+    WorkerPool::shared().submit([self = shared_from_this()] { self->drain(); });
+    return;
   }
   --running_;
   if (running_ == 0) idle_.notify_all();
-  tCurrentQueue = outer;
 }
 
 void OperationQueue::waitUntilAllOperationsAreFinished() {
