@@ -12,13 +12,13 @@ std::shared_ptr<DFDownloadOperation> DFDownloadOperation::initWithURL(const plat
 void DFDownloadOperation::encodeWithCoder(platform::KeyedArchiver& coder) const {
   coder.encodeURL(_url, "url");
   coder.encodeString(_uniqueId, "uniqueId");
-  coder.encodeInt64(_position, "position");
-  coder.encodeInt64(_priority, "priority");
+  coder.encodeInt64(position(), "position");
+  coder.encodeInt64(priority(), "priority");
   coder.encodeString(_filename, "filename");
   coder.encodeString(_outputFilename, "outputFilename");
-  coder.encodeInt64(_size, "size");
-  coder.encodeBool(_active, "active");
-  coder.encodeBool(_partialDownloading, "partialDownloading");
+  coder.encodeInt64(size(), "size");
+  coder.encodeBool(active(), "active");
+  coder.encodeBool(partialDownloading(), "partialDownloading");
 }
 
 std::shared_ptr<DFDownloadOperation> DFDownloadOperation::initWithCoder(platform::KeyedUnarchiver& coder) {
@@ -35,13 +35,13 @@ std::shared_ptr<DFDownloadOperation> DFDownloadOperation::initWithCoder(platform
   if (coder.failed() || !url || !uniqueId || uniqueId->empty()) return nullptr;
 
   auto record = std::make_shared<DFDownloadOperation>(Passkey{}, std::move(*url), std::move(*uniqueId));
-  record->_position = position;
-  record->_actualPosition = position;
-  record->_priority = priority;
-  record->_filename = std::move(filename);
-  record->_outputFilename = std::move(outputFilename);
-  record->_size = size;
-  record->_active = active;
-  record->_partialDownloading = partialDownloading;
+  record->setPosition(position);
+  record->setActualPosition(position);
+  record->setPriority(priority);
+  record->setFilename(std::move(filename));
+  record->setOutputFilename(std::move(outputFilename));
+  record->setSize(size);
+  record->setActive(active);
+  record->setPartialDownloading(partialDownloading);
   return record;
 }

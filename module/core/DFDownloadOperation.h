@@ -1,9 +1,12 @@
 // The record of one download: address, identity, byte positions, size, queue
 // place, file names, active flag and retry date. Shared by reference and
 // compared by identity; the manager's queue, a data loader and a row cell may
-// hold the same instance. REQUIRES: used on the main thread.
+// hold the same instance. The counters and flags may be written by a data
+// loader's queue while the main thread reads them; the names and the retry
+// date belong to the main thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -30,20 +33,20 @@ class DFDownloadOperation : public platform::Archivable {
   DFDownloadOperation(const DFDownloadOperation&) = delete;
   DFDownloadOperation& operator=(const DFDownloadOperation&) = delete;
 
-  bool active() const { return _active; }
-  void setActive(bool active) { _active = active; }
-  bool partialDownloading() const { return _partialDownloading; }
-  void setPartialDownloading(bool partial) { _partialDownloading = partial; }
+  bool active() const { return _active.load(kOrder); }
+  void setActive(bool active) { _active.store(active, kOrder); }
+  bool partialDownloading() const { return _partialDownloading.load(kOrder); }
+  void setPartialDownloading(bool partial) { _partialDownloading.store(partial, kOrder); }
   const platform::URL& url() const { return _url; }
   const std::string& uniqueId() const { return _uniqueId; }
-  int64_t position() const { return _position; }
-  void setPosition(int64_t position) { _position = position; }
-  int64_t actualPosition() const { return _actualPosition; }
-  void setActualPosition(int64_t position) { _actualPosition = position; }
-  int64_t size() const { return _size; }
-  void setSize(int64_t size) { _size = size; }
-  int64_t priority() const { return _priority; }
-  void setPriority(int64_t priority) { _priority = priority; }
+  int64_t position() const { return _position.load(kOrder); }
+  void setPosition(int64_t position) { _position.store(position, kOrder); }
+  int64_t actualPosition() const { return _actualPosition.load(kOrder); }
+  void setActualPosition(int64_t position) { _actualPosition.store(position, kOrder); }
+  int64_t size() const { return _size.load(kOrder); }
+  void setSize(int64_t size) { _size.store(size, kOrder); }
+  int64_t priority() const { return _priority.load(kOrder); }
+  void setPriority(int64_t priority) { _priority.store(priority, kOrder); }
   const std::optional<std::string>& filename() const { return _filename; }
   void setFilename(std::optional<std::string> filename) { _filename = std::move(filename); }
   const std::optional<std::string>& outputFilename() const { return _outputFilename; }
@@ -52,14 +55,15 @@ class DFDownloadOperation : public platform::Archivable {
   void setRetryDate(std::optional<platform::Date> date) { _retryDate = date; }
 
  private:
-  bool _active = false;
-  bool _partialDownloading = false;
+  static constexpr auto kOrder = std::memory_order_relaxed;
+  std::atomic<bool> _active = false;
+  std::atomic<bool> _partialDownloading = false;
   const platform::URL _url;
   const std::string _uniqueId;
-  int64_t _position = 0;
-  int64_t _actualPosition = 0;
-  int64_t _size = 0;  // 0 = unknown
-  int64_t _priority = 0;
+  std::atomic<int64_t> _position = 0;
+  std::atomic<int64_t> _actualPosition = 0;
+  std::atomic<int64_t> _size = 0;  // 0 = unknown
+  std::atomic<int64_t> _priority = 0;
   std::optional<std::string> _filename;
   std::optional<std::string> _outputFilename;
   std::optional<platform::Date> _retryDate;

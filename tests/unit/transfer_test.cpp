@@ -1,0 +1,303 @@
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+
+#include "module/core/DFDownloadManager.h"
+#include "module/probe/DFContentRange.h"
+#include "module/transfer/DFDownloadOperationBasicDataLoader.h"
+#include "tests/support/LoaderProbe.h"
+#include "tests/support/TestHost.h"
+#include "tests/support/TestHttpServer.h"
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Loader = DFDownloadOperationBasicDataLoader;
+
+namespace {
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), {});
+}
+
+int threadCount() {
+  int n = 0;
+  for (auto& entry : fs::directory_iterator("/proc/self/task")) n += entry.is_directory();
+  return n;
+}
+
+class TransferTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<DFDownloadOperation> record(const std::string& path, bool partial, int64_t size,
+                                              int64_t position = 0) {
+    auto r = DFDownloadOperation::initWithURL(*platform::URL::URLWithString(server_.url(path)));
+    r->setPartialDownloading(partial);
+    r->setSize(size);
+    r->setPosition(position);
+    r->setActualPosition(position);
+    return r;
+  }
+  std::string tmpPath(const std::shared_ptr<DFDownloadOperation>& r) {
+    return DFDownloadManager::tmpFilePathForFilename(r->uniqueId());
+  }
+  std::shared_ptr<Loader> start(const std::shared_ptr<DFDownloadOperation>& r) {
+    return Loader::initWithDownloadOperation(r, tmpPath(r), probe_);
+  }
+  bool finish() { return host_.runUntil([&] { return probe_->completions > 0; }, 60s); }
+  std::vector<std::string> ranges(const std::string& path) {
+    std::vector<std::string> out;
+    for (auto& request : server_.requests(path)) out.push_back(request.header("Range").value_or("<none>"));
+    return out;
+  }
+
+  TestHost host_;
+  TestHttpServer server_;
+  std::shared_ptr<LoaderProbe> probe_ = std::make_shared<LoaderProbe>();
+};
+
+TEST_F(TransferTest, RequestsTheRangesOfEachCaseAndEndsWithTheSourceBytes) {
+  auto chunks = [](int64_t from, int64_t size, int64_t chunk) {
+    std::vector<std::string> out;
+    for (int64_t at = from; at < size; at += chunk)
+      out.push_back("bytes=" + std::to_string(at) + "-" + std::to_string(std::min(at + chunk, size) - 1));
+    return out;
+  };
+  struct Case {
+    const char* name;
+    bool partial;
+    int64_t size, position;
+    std::vector<std::string> expected;
+  } cases[] = {
+      {"not partial: one open request", false, 5000, 0, {"bytes=0-"}},
+      {"small: one bounded request", true, 50000, 0, {"bytes=0-49999"}},
+      {"at the small limit", true, 102400, 0, {"bytes=0-102399"}},
+      {"tenths", true, 1000000, 0, chunks(0, 1000000, 100000)},
+      {"resumed: the remainder", true, 1000000, 950000, {"bytes=950000-999999"}},
+      {"capped at 1 MiB", true, 20000000, 0, chunks(0, 20000000, 1048576)},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = "/file-" + std::to_string(c.size) + "-" + std::to_string(c.position);
+    server_.setRoute(path, {.size = c.size});
+    auto r = record(path, c.partial, c.partial ? c.size : 0, c.position);
+    if (c.position) {
+      std::ofstream(tmpPath(r), std::ios::binary) << TestHttpServer::pattern(0, c.position);
+    }
+    probe_ = std::make_shared<LoaderProbe>();
+    auto loader = start(r);
+    ASSERT_TRUE(finish());
+    EXPECT_EQ(probe_->lastError, std::nullopt);
+    EXPECT_EQ(ranges(path), c.expected);
+    EXPECT_EQ(r->position(), c.size);
+    EXPECT_EQ(r->size(), c.size);
+    EXPECT_EQ(r->actualPosition(), c.size);
+    EXPECT_TRUE(readFile(tmpPath(r)) == TestHttpServer::pattern(0, c.size)) << "the file differs from the source";
+    EXPECT_EQ(probe_->offMain, 0);
+    for (auto& request : server_.requests(path)) EXPECT_EQ(request.connection, server_.requests(path)[0].connection);
+  }
+}
+
+TEST_F(TransferTest, BadChunkAnswersFailWithoutAppending) {
+  struct Case {
+    const char* name;
+    Behaviour behaviour;
+  } cases[] = {
+      {"200 with the whole file", {.size = 1000000, .honourRange = false}},
+      {"206 without Content-Range", {.size = 1000000, .omitContentRange = true}},
+      {"another range named", {.size = 1000000, .contentRange = "bytes 100000-199999/1000000"}},
+      {"malformed Content-Range", {.size = 1000000, .contentRange = "bytes  0-99999/1000000"}},
+      {"right range, short body", {.size = 1000000, .bodyDelta = -10}},
+      {"right range, long body", {.size = 1000000, .bodyDelta = 10}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = std::string("/bad-") + std::to_string(&c - cases);
+    server_.setRoute(path, c.behaviour);
+    auto r = record(path, true, 1000000);
+    probe_ = std::make_shared<LoaderProbe>();
+    auto loader = start(r);
+    ASSERT_TRUE(finish());
+    EXPECT_EQ(probe_->lastError, "Failed");
+    EXPECT_EQ(r->position(), 0);
+    EXPECT_EQ(r->actualPosition(), 0);
+    EXPECT_FALSE(fs::exists(tmpPath(r)) && fs::file_size(tmpPath(r)) > 0) << "nothing is appended";
+    EXPECT_EQ(server_.requests(path).size(), 1u) << "the loader does not retry by itself";
+  }
+}
+
+TEST_F(TransferTest, DroppedConnectionReportsTheErrorAndKeepsThePosition) {
+  server_.setHandler("/drop", [](const RecordedRequest&, int index) {
+    Behaviour b{.size = 1000000};
+    if (index == 2) b.dropAfterBytes = 5000;  // the third chunk breaks off
+    return b;
+  });
+  auto r = record("/drop", true, 1000000);
+  auto loader = start(r);
+  ASSERT_TRUE(finish());
+  EXPECT_EQ(probe_->lastError, "The network connection was lost.");
+  EXPECT_EQ(r->position(), 200000);
+  EXPECT_EQ(fs::file_size(tmpPath(r)), 200000u);
+}
+
+TEST_F(TransferTest, UnreachableServerReportsThePlatformDescription) {
+  int port;
+  {
+    TestHttpServer gone;
+    port = gone.port();
+  }
+  auto r = DFDownloadOperation::initWithURL(
+      *platform::URL::URLWithString("http://127.0.0.1:" + std::to_string(port) + "/x"));
+  auto loader = start(r);
+  ASSERT_TRUE(finish());
+  EXPECT_EQ(probe_->lastError, "Could not connect to the server.");
+}
+
+TEST_F(TransferTest, CancelMidChunkIsSilentAndANewLoaderResumesThere) {
+  server_.setHandler("/stall", [](const RecordedRequest&, int index) {
+    Behaviour b{.size = 1000000};
+    if (index == 3) b.stallAtByte = 40000;
+    return b;
+  });
+  auto r = record("/stall", true, 1000000);
+  auto loader = start(r);
+  ASSERT_TRUE(host_.runUntil([&] { return r->actualPosition() > 300000; }, 30s));
+  host_.loop().runFor(300ms);  // let progress of the stalled chunk arrive
+  loader->cancel();
+  EXPECT_EQ(r->position(), 300000);
+  EXPECT_EQ(r->actualPosition(), 300000);
+  const int updatesAtCancel = probe_->updates;
+  host_.loop().runFor(300ms);
+  EXPECT_EQ(probe_->updates, updatesAtCancel);
+  EXPECT_EQ(probe_->completions, 0);
+  loader.reset();
+
+  server_.releaseStalls();
+  auto resumed = start(r);
+  ASSERT_TRUE(finish());
+  EXPECT_EQ(probe_->lastError, std::nullopt);
+  EXPECT_EQ(ranges("/stall").at(4), "bytes=300000-399999");
+  EXPECT_TRUE(readFile(tmpPath(r)) == TestHttpServer::pattern(0, 1000000));
+}
+
+TEST_F(TransferTest, ReconcilesTheTemporaryFileWithThePositionBeforeResuming) {
+  struct Case {
+    const char* name;
+    int64_t fileLength, position, resumeAt;
+  } cases[] = {
+      {"bytes appended after the last save are cut off", 450000, 300000, 300000},
+      {"a short file moves the position back", 250000, 300000, 250000},
+      {"a missing file starts from the beginning", -1, 300000, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = std::string("/reconcile-") + std::to_string(&c - cases);
+    server_.setRoute(path, {.size = 1000000});
+    auto r = record(path, true, 1000000, c.position);
+    if (c.fileLength >= 0) {
+      // What lies past the saved position is junk that must not be kept.
+      std::string content = TestHttpServer::pattern(0, std::min(c.fileLength, c.position));
+      content.resize(c.fileLength, 'J');
+      std::ofstream(tmpPath(r), std::ios::binary) << content;
+    }
+    probe_ = std::make_shared<LoaderProbe>();
+    auto loader = start(r);
+    EXPECT_EQ(r->position(), c.resumeAt);
+    ASSERT_TRUE(finish());
+    EXPECT_EQ(probe_->lastError, std::nullopt);
+    EXPECT_EQ(ranges(path).at(0), "bytes=" + std::to_string(c.resumeAt) + "-" +
+                                      std::to_string(std::min<int64_t>(c.resumeAt + 100000, 1000000) - 1));
+    EXPECT_TRUE(readFile(tmpPath(r)) == TestHttpServer::pattern(0, 1000000));
+  }
+}
+
+TEST_F(TransferTest, OnlyTheLastBackgroundHandlerIsCalledAfterTheNextReport) {
+  server_.setRoute("/events", {.size = 1000000, .stallBeforeBody = 200ms});
+  auto r = record("/events", true, 1000000);
+  auto loader = start(r);
+  int first = 0, second = 0;
+  loader->handleEventsForURLSession([&] { ++first; });
+  loader->handleEventsForURLSession([&] { ++second; });
+  EXPECT_EQ(second, 0) << "held until the next notification";
+  ASSERT_TRUE(finish());
+  EXPECT_EQ(first, 0);
+  EXPECT_EQ(second, 1);
+}
+
+TEST_F(TransferTest, EachLoaderHasItsOwnSessionIdentifier) {
+  server_.setRoute("/id", {.size = 10});
+  auto a = start(record("/id", false, 0));
+  auto b = start(record("/id", false, 0));
+  ASSERT_TRUE(a->URLSessionIdentifier() && b->URLSessionIdentifier());
+  EXPECT_NE(*a->URLSessionIdentifier(), *b->URLSessionIdentifier());
+  EXPECT_TRUE(std::regex_match(*a->URLSessionIdentifier(), std::regex("[0-9A-F-]{36}")));
+}
+
+TEST_F(TransferTest, FiftyLoadersAtOnceDoNotMeanFiftyThreads) {
+  const int before = threadCount();
+  std::vector<std::shared_ptr<DFDownloadOperation>> records;
+  std::vector<std::shared_ptr<Loader>> loaders;
+  for (int i = 0; i < 50; ++i) {
+    std::string path = "/many-" + std::to_string(i);
+    server_.setRoute(path, {.size = 300000 + i, .stallBeforeBody = 300ms});
+    records.push_back(record(path, true, 300000 + i));
+    loaders.push_back(start(records.back()));
+  }
+  int most = 0;
+  ASSERT_TRUE(host_.runUntil(
+      [&] {
+        most = std::max(most, threadCount());
+        return probe_->completions == 50;
+      },
+      60s));
+  EXPECT_LT(most - before, 16) << "threads grew from " << before << " to " << most;
+  for (int i = 0; i < 50; ++i)
+    EXPECT_TRUE(readFile(tmpPath(records[i])) == TestHttpServer::pattern(0, 300000 + i)) << i;
+  EXPECT_EQ(probe_->lastError, std::nullopt);
+}
+
+TEST(DataLoaderBase, CancelledFlagAndNoSession) {
+  auto r = DFDownloadOperation::initWithURL(*platform::URL::URLWithString("http://h.test/f"));
+  DFDownloadOperationDataLoader loader(r, "/nonexistent", {});
+  EXPECT_FALSE(loader.cancelled());
+  loader.cancel();
+  loader.cancel();
+  EXPECT_TRUE(loader.cancelled());
+  EXPECT_EQ(loader.URLSessionIdentifier(), std::nullopt);
+  bool called = false;
+  loader.handleEventsForURLSession([&] { called = true; });
+  EXPECT_FALSE(called);
+}
+
+TEST(ContentRange, ParsesFourPiecesOnly) {
+  struct Case {
+    const char* value;
+    std::optional<std::array<int64_t, 3>> expected;
+  } cases[] = {
+      {"bytes 1-1/5000", std::array<int64_t, 3>{1, 1, 5000}},
+      {"bytes 0-0/5000", std::array<int64_t, 3>{0, 0, 5000}},
+      {"bytes 100-199/*", std::array<int64_t, 3>{100, 199, 0}},
+      {"bytes 1-1/99999999999999999999", std::array<int64_t, 3>{1, 1, INT64_MAX}},
+      {"bytes x-y/z", std::array<int64_t, 3>{0, 0, 0}},
+      {"bytes  1-1/5000", std::nullopt},
+      {"bytes 1-1/5000 ", std::nullopt},
+      {"bytes 1-1", std::nullopt},
+      {"Bytes 1-1/5000", std::nullopt},
+      {" bytes 1-1/5000", std::nullopt},
+      {"bytes=1-1/5000", std::nullopt},
+      {"", std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.value);
+    auto range = DFParseContentRange(c.value);
+    ASSERT_EQ(range.has_value(), c.expected.has_value());
+    if (range) {
+      EXPECT_EQ((std::array<int64_t, 3>{range->first, range->last, range->total}), *c.expected);
+    }
+  }
+}
+
+}  // namespace
