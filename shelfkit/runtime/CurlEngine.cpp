@@ -27,7 +27,7 @@ namespace {
 
 constexpr long kMaxRedirects = 16;
 constexpr long kTimeoutSeconds = 60;       // connect, and longest stretch without a byte
-constexpr long kReceiveBufferSize = 128 * 1024;
+constexpr long kReceiveBufferSize = 256 * 1024;
 
 std::string trim(const char* begin, const char* end) {
   while (begin < end && (*begin == ' ' || *begin == '\t')) ++begin;
