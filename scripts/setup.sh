@@ -6,7 +6,8 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config
   libcurl4-openssl-dev libsqlite3-dev libboost-dev nlohmann-json3-dev uuid-dev
-  libcli11-dev gettext libgtest-dev libgmock-dev
+  libcli11-dev gettext libgtest-dev libgmock-dev media-types
+  clang libclang-rt-14-dev
 )
 
 missing=()

@@ -28,6 +28,9 @@ class HTTPURLResponse {
   const std::string& MIMEType() const { return mimeType_; }
   // Content-Length, or -1 when unknown.
   int64_t expectedContentLength() const { return expectedContentLength_; }
+  // A name for saving the body, never empty: the Content-Disposition file
+  // name, else the URL's last path component, else its host, else "Unknown".
+  std::string suggestedFilename() const;
 
  private:
   URL url_;

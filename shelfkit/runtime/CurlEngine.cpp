@@ -7,6 +7,7 @@
 
 #include "module/platform/Localization.h"
 #include "module/platform/Log.h"
+#include "module/platform/Text.h"
 
 namespace shelfkit {
 
@@ -179,7 +180,10 @@ size_t CurlEngine::headerCallback(char* data, size_t size, size_t count, void* u
     return length;
   }
   const char* colon = static_cast<const char*>(memchr(data, ':', length));
-  if (colon) t->fields.emplace_back(trim(data, colon), trim(colon + 1, end));
+  if (colon) {
+    t->fields.emplace_back(platform::UTF8FromHeaderBytes(trim(data, colon)),
+                           platform::UTF8FromHeaderBytes(trim(colon + 1, end)));
+  }
   return length;
 }
 

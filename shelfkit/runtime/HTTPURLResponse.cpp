@@ -1,5 +1,6 @@
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "module/platform/URLResponse.h"
@@ -13,7 +14,65 @@ std::string trim(std::string_view s) {
   return b == std::string_view::npos ? std::string() : std::string(s.substr(b, e - b + 1));
 }
 
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+std::string percentDecoded(std::string_view s) {
+  std::string out;
+  for (size_t i = 0; i < s.size(); ++i) {
+    if (s[i] == '%' && i + 2 < s.size() && hexValue(s[i + 1]) >= 0 && hexValue(s[i + 2]) >= 0) {
+      out += static_cast<char>(hexValue(s[i + 1]) * 16 + hexValue(s[i + 2]));
+      i += 2;
+    } else {
+      out += s[i];
+    }
+  }
+  return out;
+}
+
+// The file name of a Content-Disposition value: filename* (RFC 5987) when
+// present, else filename, unquoted.
+std::string dispositionFilename(std::string_view value) {
+  std::string plain, extended;
+  size_t start = 0;
+  while (start <= value.size()) {
+    size_t end = value.find(';', start);
+    if (end == std::string_view::npos) end = value.size();
+    std::string part = trim(value.substr(start, end - start));
+    start = end + 1;
+    size_t eq = part.find('=');
+    if (eq == std::string::npos) continue;
+    std::string name = trim(std::string_view(part).substr(0, eq));
+    std::string v = trim(std::string_view(part).substr(eq + 1));
+    if (v.size() >= 2 && v.front() == '"' && v.back() == '"') v = v.substr(1, v.size() - 2);
+    if (strcasecmp(name.c_str(), "filename*") == 0) {
+      size_t quote = v.find("''");
+      extended = percentDecoded(quote == std::string::npos ? v : v.substr(quote + 2));
+    } else if (strcasecmp(name.c_str(), "filename") == 0) {
+      plain = v;
+    }
+  }
+  return extended.empty() ? plain : extended;
+}
+
 }  // namespace
+
+std::string HTTPURLResponse::suggestedFilename() const {
+  std::string name;
+  if (auto disposition = valueForHTTPHeaderField("Content-Disposition")) name = dispositionFilename(*disposition);
+  if (name.empty()) {
+    std::string last = url_.lastPathComponent();
+    if (last != "/") name = last;
+  }
+  if (name.empty()) name = url_.host();
+  std::replace(name.begin(), name.end(), '/', '_');
+  std::replace(name.begin(), name.end(), '\0', '_');
+  return name.empty() ? "Unknown" : name;
+}
 
 HTTPURLResponse::HTTPURLResponse(URL url, int statusCode, std::vector<std::pair<std::string, std::string>> headerFields)
     : url_(std::move(url)), statusCode_(statusCode), headerFields_(std::move(headerFields)) {

@@ -14,7 +14,10 @@ void KeyedArchiver::encodeInt64(int64_t value, const char* key) { archive_[key] 
 
 void KeyedArchiver::encodeBool(bool value, const char* key) { archive_[key] = {{"bool", value}}; }
 
-std::string KeyedArchiver::encodedData() const { return archive_.dump(); }
+std::string KeyedArchiver::encodedData() const {
+  // Names come from servers: bytes that are not UTF-8 are replaced, never thrown on.
+  return archive_.dump(-1, ' ', false, KeyedArchive::error_handler_t::replace);
+}
 
 KeyedUnarchiver::KeyedUnarchiver(KeyedArchive archive) : archive_(std::move(archive)) {
   if (!archive_.is_object()) failed_ = true;

@@ -1,0 +1,15 @@
+// Text helpers for bytes that arrive from servers.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace platform {
+
+bool isValidUTF8(std::string_view text);
+
+// `text` itself when it is UTF-8; otherwise its bytes read as ISO-8859-1 (the
+// historic charset of HTTP header values), converted to UTF-8.
+std::string UTF8FromHeaderBytes(std::string_view text);
+
+}  // namespace platform

@@ -1,0 +1,158 @@
+#include <gtest/gtest.h>
+
+#include "module/platform/Text.h"
+#include "module/probe/DFDownloadOperationInfoLoader.h"
+#include "module/probe/DFFilenameRules.h"
+
+namespace {
+
+using Loader = DFDownloadOperationInfoLoader;
+
+platform::HTTPURLResponse response(const std::string& url,
+                                   std::vector<std::pair<std::string, std::string>> headers = {}) {
+  return platform::HTTPURLResponse(*platform::URL::URLWithString(url), 200, std::move(headers));
+}
+
+TEST(FilenameRules, ContentDisposition) {
+  struct Case {
+    const char* value;
+    std::optional<std::string> expected;
+  } cases[] = {
+      {"attachment; filename=\"report.pdf\"", "report.pdf"},
+      {"attachment; filename=report.pdf", "report.pdf"},
+      {"attachment;filename=report.pdf", "report.pdf"},
+      {"attachment; filename*=UTF-8''na%C3%AFve%20file.txt", "na\xC3\xAFve file.txt"},
+      {"attachment; filename*=utf-8''a%20b.txt", "utf-8''a%20b.txt"},       // charset prefix is case-sensitive
+      {"attachment; filename*=ISO-8859-1'en'a.txt", "ISO-8859-1'en'a.txt"},  // kept as it stands
+      {"attachment; filename*=UTF-8''bad%zz.txt", std::nullopt},            // malformed escape
+      {"attachment; filename*=UTF-8''%FF%FE.txt", std::nullopt},            // not UTF-8
+      {"attachment; filename=\"plain.txt\"; filename*=UTF-8''ext.txt", "plain.txt"},  // first one wins
+      {"attachment; filename*=UTF-8''ext.txt; filename=\"plain.txt\"", "ext.txt"},
+      {"attachment; FileName=\"x.txt\"", std::nullopt},                     // case-sensitive prefix
+      {"attachment; filenames=\"x.txt\"", "x.txt"},                         // any word starting with filename
+      {"attachment; filename=a%20b.txt", "a%20b.txt"},                      // no decoding in plain form
+      {"attachment; filename=\"a;b.txt\"", "a"},                            // a plain split at ';'
+      {"attachment; filename=", std::nullopt},
+      {"attachment; filename=\"\"", std::nullopt},
+      {"attachment; filename=\"", std::nullopt},
+      {"attachment; filename=  \t", std::nullopt},
+      {"attachment; filename", std::nullopt},
+      {"attachment; filename=\"x*=y.txt\"", "y.txt"},                       // "*=" is searched first
+      {"attachment; filename=\"\"x\"\"", "\"x\""},                          // one quote off each end
+      {"attachment", std::nullopt},
+      {"", std::nullopt},
+      {"inline; name=\"x\"; filename=  \"spaced.txt\"  ", "spaced.txt"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.value);
+    EXPECT_EQ(DFFilenameFromContentDisposition(c.value), c.expected);
+  }
+}
+
+TEST(FilenameRules, HostileHeaderValuesAnswerWithoutCrashing) {
+  std::string many(100000, ';');
+  std::string huge = "attachment; filename=" + std::string(100 * 1024, 'a');
+  std::string nul = std::string("attachment; filename=a\0b.txt", 28);
+  EXPECT_EQ(DFFilenameFromContentDisposition(many), std::nullopt);
+  EXPECT_EQ(DFFilenameFromContentDisposition(many + "filename=x.bin"), "x.bin");
+  EXPECT_EQ(DFFilenameFromContentDisposition(huge)->size(), 100u * 1024);
+  EXPECT_EQ(DFFilenameFromContentDisposition(nul), std::string("a\0b.txt", 7));
+  EXPECT_EQ(DFFilenameFromContentDisposition("attachment; filename*=UTF-8''%"), std::nullopt);
+  EXPECT_EQ(DFFilenameFromContentDisposition("attachment; filename*=UTF-8''%4"), std::nullopt);
+}
+
+TEST(FilenameRules, NameFromThePath) {
+  struct Case {
+    const char* url;
+    std::optional<std::string> expected;
+  } cases[] = {
+      {"http://h.test/files/Report.PDF", "Report.PDF"},
+      {"http://h.test/download.php?id=5", std::nullopt},
+      {"http://h.test/file.php3", "file.php3"},
+      {"http://h.test/file.php4", "file.php4"},
+      {"http://h.test/file.PHP", std::nullopt},
+      {"http://h.test/cgi/run.cgi", std::nullopt},
+      {"http://h.test/x.php3php4", std::nullopt},
+      {"http://h.test/files/report", std::nullopt},
+      {"http://h.test/", std::nullopt},
+      {"http://h.test/dir/some%20file.txt", "some file.txt"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.url);
+    EXPECT_EQ(Loader::filenameFromPath(response(c.url)), c.expected);
+  }
+  EXPECT_EQ(Loader::scriptExtensions().size(), 13u);
+}
+
+TEST(FilenameRules, NameFromTheMIMEType) {
+  struct Case {
+    const char* type;
+    std::optional<std::string> expected;
+  } cases[] = {
+      {"application/pdf", "Unknown.pdf"},
+      {"application/zip; charset=binary", "Unknown.zip"},
+      {"application/x-unknown-to-anyone", std::nullopt},
+      {nullptr, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.type ? c.type : "(none)");
+    std::vector<std::pair<std::string, std::string>> headers;
+    if (c.type) headers.emplace_back("Content-Type", c.type);
+    EXPECT_EQ(Loader::filenameFromMIMEType(response("http://h.test/x", headers)), c.expected);
+  }
+}
+
+TEST(FilenameRules, SizeOnlyFromTheOneByteAnswer) {
+  struct Case {
+    const char* contentRange;
+    int64_t expected;
+  } cases[] = {
+      {"bytes 1-1/5000", 5000}, {"bytes 0-0/5000", 0}, {"bytes  1-1/5000", 0}, {"bytes 1-1/*", 0},
+      {"bytes 1-2/5000", 0},    {"items 1-1/5000", 0}, {nullptr, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.contentRange ? c.contentRange : "(none)");
+    std::vector<std::pair<std::string, std::string>> headers;
+    if (c.contentRange) headers.emplace_back("content-range", c.contentRange);  // names match in any case
+    EXPECT_EQ(Loader::fileSize(response("http://h.test/x", headers)), c.expected);
+  }
+}
+
+TEST(FilenameRules, MediaExtensionSet) {
+  const auto& media = Loader::mediaExtensions();
+  EXPECT_EQ(media.size(), 109u);
+  for (const char* member : {"mp3", "mp4", "bin", "iso", "xesc", "3ga", "flac", "m3u8"}) {
+    SCOPED_TRACE(member);
+    EXPECT_EQ(media.count(member), std::string(member) != "m3u8");
+  }
+}
+
+TEST(SuggestedFilename, NeverEmpty) {
+  struct Case {
+    const char* url;
+    const char* disposition;
+    const char* expected;
+  } cases[] = {
+      {"http://h.test/a/b.zip", "attachment; filename=\"d.txt\"", "d.txt"},
+      {"http://h.test/a/b.zip", "attachment; filename*=UTF-8''%C3%A9.txt", "\xC3\xA9.txt"},
+      {"http://h.test/a/b.zip", nullptr, "b.zip"},
+      {"http://h.test/", nullptr, "h.test"},
+      {"http://h.test/x", "attachment; filename=\"../../etc/passwd\"", ".._.._etc_passwd"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.url);
+    std::vector<std::pair<std::string, std::string>> headers;
+    if (c.disposition) headers.emplace_back("Content-Disposition", c.disposition);
+    EXPECT_EQ(response(c.url, headers).suggestedFilename(), c.expected);
+  }
+}
+
+TEST(HeaderText, BytesThatAreNotUTF8AreReadAsLatin1) {
+  EXPECT_EQ(platform::UTF8FromHeaderBytes("caf\xE9.txt"), "caf\xC3\xA9.txt");
+  EXPECT_EQ(platform::UTF8FromHeaderBytes("caf\xC3\xA9.txt"), "caf\xC3\xA9.txt");
+  EXPECT_FALSE(platform::isValidUTF8("\xED\xA0\x80"));  // a surrogate
+  EXPECT_FALSE(platform::isValidUTF8("\xC0\xAF"));      // overlong
+  EXPECT_TRUE(platform::isValidUTF8("\xF0\x9F\x98\x80"));
+}
+
+}  // namespace
