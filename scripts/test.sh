@@ -1,10 +1,18 @@
 #!/usr/bin/env bash
-# Set-up, then build everything under AddressSanitizer and UndefinedBehaviorSanitizer and run every test.
+# Set-up, then build everything under AddressSanitizer and UndefinedBehaviorSanitizer
+# and run every test: the GoogleTest programs, then the fuzz targets briefly on
+# their corpus (built with clang for libFuzzer).
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 "$here/scripts/setup.sh"
 build="${BUILD_DIR:-$here/build-test}"
+jobs=$(nproc)
+
 cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSHELF_SANITIZE=ON
-cmake --build "$build" -j "$(nproc)"
+cmake --build "$build" -j "$jobs"
+cmake -S "$here/fuzz" -B "$build/fuzz" -G Ninja -DCMAKE_CXX_COMPILER=clang++ >/dev/null
+cmake --build "$build/fuzz" -j "$jobs"
+
+(cd "$build/fuzz" && ctest --output-on-failure)
 cd "$build"
-ctest --output-on-failure -j "$(nproc)" --timeout 600
+ctest --output-on-failure -j "$jobs" --timeout 600
