@@ -7,6 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   libcurl4-openssl-dev libsqlite3-dev libboost-dev nlohmann-json3-dev uuid-dev
   libcli11-dev gettext libgtest-dev libgmock-dev media-types
+  libavformat-dev libavcodec-dev libavutil-dev ffmpeg
   clang libclang-rt-14-dev
 )
 

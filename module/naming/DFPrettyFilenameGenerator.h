@@ -1,22 +1,40 @@
-// Names audio files after their "title" and "artist" tags. Reads tags through
-// the media library, so it exists only when the host has that library.
+// Names audio files after their tags: "Artist - Title.ext", or "Title.ext"
+// without an artist. The tags are read from the download's own address by the
+// media library, so the shared generator exists only when that library does.
 #pragma once
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <unordered_set>
 
+#include "module/core/DFMediaLibrary.h"
+#include "module/platform/OperationQueue.h"
 #include "module/platform/URL.h"
 
 class DFPrettyFilenameGenerator {
  public:
-  virtual ~DFPrettyFilenameGenerator() = default;
+  using TagReader = std::function<std::optional<DFAudioTags>(const std::string& url)>;
 
-  // The shared generator, or none when the media library is not loaded.
+  // The shared generator, or none when the media library is not present.
   static std::shared_ptr<DFPrettyFilenameGenerator> sharedInstance();
 
-  // Calls `completionBlock` with the final name: on the main queue when a
-  // name was attempted, at once when not.
-  virtual void generatePrettyFilenameForURL(const platform::URL& url, const std::string& filename,
-                                            std::function<void(const std::string&)> completionBlock) = 0;
+  // A generator reading tags with `readTags` (the media library's, or a test's).
+  explicit DFPrettyFilenameGenerator(TagReader readTags);
+
+  // True iff the lower-cased extension of `filename` is an audio extension.
+  bool canGeneratePrettyFilename(const std::string& filename) const;
+
+  // Calls `completionBlock` with the final name: at once on the calling thread
+  // when no name is attempted, otherwise on the main queue once the tags are read.
+  void generatePrettyFilenameForURL(const platform::URL& url, const std::string& filename,
+                                    std::function<void(const std::string&)> completionBlock);
+
+  static const std::unordered_set<std::string>& audioFileExtensions();
+
+ private:
+  const std::shared_ptr<platform::OperationQueue> _operationQueue;
+  const std::unordered_set<std::string>& _audioFileExtensions;
+  const TagReader _readTags;
 };

@@ -1,0 +1,306 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <thread>
+
+#include "module/naming/DFPrettyFilenameGenerator.h"
+#include "module/platform/MainQueue.h"
+#include "module/platform/MediaLibraryProbe.h"
+#include "module/transfer/DFDownloadOperationPlayListDataLoader.h"
+#include "tests/support/LoaderProbe.h"
+#include "tests/support/TestHost.h"
+#include "tests/support/TestHttpServer.h"
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using PlayListLoader = DFDownloadOperationPlayListDataLoader;
+
+namespace {
+
+std::string run(const std::string& command) {
+  std::string out;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return out;
+  char buffer[4096];
+  while (size_t n = fread(buffer, 1, sizeof buffer, pipe)) out.append(buffer, n);
+  pclose(pipe);
+  return out;
+}
+
+// One line per stream of `file`, in stream order, with ffprobe's `entries`.
+std::vector<std::string> streamsOf(const std::string& file, const std::string& entries) {
+  std::string out = run("ffprobe -v error -count_packets -show_entries stream=" + entries + " -of csv=p=0 '" +
+                        file + "'");
+  std::vector<std::string> streams;
+  size_t start = 0;
+  while (start < out.size()) {
+    size_t end = out.find('\n', start);
+    if (end == std::string::npos) end = out.size();
+    std::string line = out.substr(start, end - start);
+    if (!line.empty()) streams.push_back(line);
+    start = end + 1;
+  }
+  return streams;
+}
+
+std::vector<std::string> packetCounts(const std::string& file) {
+  return streamsOf(file, "codec_type,nb_read_packets");
+}
+
+std::string readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), {});
+}
+
+class MediaTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    fixtures_ = new std::string(makeTemporaryDirectory());
+    std::string command = std::string(SHELF_SOURCE_DIR) + "/tests/media/make_fixtures.sh " + *fixtures_;
+    ASSERT_EQ(std::system(command.c_str()), 0);
+  }
+  static void TearDownTestSuite() {
+    fs::remove_all(*fixtures_);
+    delete fixtures_;
+  }
+  void SetUp() override {
+    for (auto& entry : fs::recursive_directory_iterator(*fixtures_)) {
+      if (!entry.is_regular_file()) continue;
+      std::string path = "/" + fs::relative(entry.path(), *fixtures_).string();
+      std::string type = entry.path().extension() == ".m3u8" ? "application/vnd.apple.mpegurl" : "video/mp2t";
+      server_.setRoute(path, {.body = readFile(entry.path()), .mimeType = type});
+    }
+  }
+  void TearDown() override { platform::MediaLibraryProbe::setEnabled(true); }
+
+  std::shared_ptr<DFDownloadOperation> record(const std::string& path, const char* filename) {
+    auto r = DFDownloadOperation::initWithURL(*platform::URL::URLWithString(server_.url(path)));
+    r->setFilename(filename);
+    return r;
+  }
+  std::string tmpPath(const std::shared_ptr<DFDownloadOperation>& r) {
+    return host_.layout().library + "/" + r->uniqueId();
+  }
+  std::shared_ptr<DFDownloadOperationDataLoader> start(const std::shared_ptr<DFDownloadOperation>& r) {
+    return PlayListLoader::createPlayListDataLoaderWithDownloadOperation(r, tmpPath(r), probe_);
+  }
+  bool finish() { return host_.runUntil([&] { return probe_->completions > 0; }, 60s); }
+
+  static std::string* fixtures_;
+  TestHost host_;
+  TestHttpServer server_;
+  std::shared_ptr<LoaderProbe> probe_ = std::make_shared<LoaderProbe>();
+};
+std::string* MediaTest::fixtures_ = nullptr;
+
+TEST_F(MediaTest, RemuxesTheNarrowestVariantLikeTheCommandLine) {
+  auto r = record("/hls/master.m3u8", "master.m3u8");
+  r->setSize(12345);
+  auto loader = start(r);
+  ASSERT_TRUE(loader);
+  EXPECT_EQ(r->outputFilename(), "master.mov");
+  EXPECT_EQ(r->size(), 0);
+  EXPECT_EQ(probe_->updates, 1) << "construction reports once";
+  ASSERT_TRUE(finish());
+  EXPECT_EQ(probe_->lastError, std::nullopt);
+  EXPECT_EQ(probe_->offMain, 0);
+  EXPECT_EQ(streamsOf(tmpPath(r), "codec_type,width"), (std::vector<std::string>{"video,640", "audio"}));
+
+  const auto size = static_cast<int64_t>(fs::file_size(tmpPath(r)));
+  EXPECT_EQ(r->position(), size);
+  EXPECT_EQ(r->size(), size);
+  EXPECT_EQ(r->actualPosition(), size);
+  EXPECT_TRUE(std::is_sorted(probe_->positions.begin(), probe_->positions.end()));
+  EXPECT_GT(probe_->updates, 100) << "one report per written packet";
+
+  // Segment requests of the wide (v0) and narrow (v1) variants since `from`.
+  auto segments = [&](size_t from) {
+    auto requests = server_.requests();
+    std::pair<size_t, size_t> counts{0, 0};
+    for (size_t i = from; i < requests.size(); ++i) {
+      counts.first += requests[i].target.starts_with("/hls/v0_seg");
+      counts.second += requests[i].target.starts_with("/hls/v1_seg");
+    }
+    return counts;
+  };
+  const auto [wide, narrow] = segments(0);
+  EXPECT_EQ(narrow, 10u);
+
+  // The same remux by the ffmpeg command line, from the same server.
+  const size_t mark = server_.requests().size();
+  std::string reference = host_.layout().library + "/reference.mov";
+  run("ffmpeg -v error -nostdin -y -i '" + server_.url("/hls/master.m3u8") + "' -map 0:p:1 -c copy '" + reference + "'");
+  auto expected = packetCounts(reference);
+  ASSERT_EQ(expected.size(), 2u);
+  EXPECT_EQ(packetCounts(tmpPath(r)), expected);
+  // Probing reads the start of every variant; after the choice the wide one is no longer fetched.
+  const auto [referenceWide, referenceNarrow] = segments(mark);
+  EXPECT_LE(wide, referenceWide);
+  EXPECT_LE(wide, 2u);
+  std::printf("wide-variant segments fetched: loader %zu, ffmpeg %zu (of 10)\n", wide, referenceWide);
+}
+
+TEST_F(MediaTest, StreamChoiceWithoutPrograms) {
+  struct Case {
+    const char* path;
+    std::vector<std::string> streams;  // codec type, height, bit rate class of each output stream
+  } cases[] = {
+      {"/audio_pair.mp4", {"audio,low"}},             // the lower audio bit rate
+      {"/cover_art.mp3", {"audio,low"}},              // the attached picture is never the video stream
+      {"/equal_width.mkv", {"video,240"}},            // equal widths keep the earlier stream
+      {"/plain.ts", {"video,360", "audio,low"}},      // video first, then audio
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    probe_ = std::make_shared<LoaderProbe>();
+    auto r = record(c.path, "x.m3u8");
+    auto loader = start(r);
+    ASSERT_TRUE(finish());
+    EXPECT_EQ(probe_->lastError, std::nullopt);
+    std::vector<std::string> streams;
+    for (std::string line : streamsOf(tmpPath(r), "codec_type,height,bit_rate")) {
+      // "video,240,123" or "audio,,64318": keep the height, class the audio bit rate.
+      std::string type = line.substr(0, line.find(','));
+      if (type == "video") {
+        streams.push_back("video," + line.substr(6, line.find(',', 6) - 6));
+      } else {
+        long rate = std::atol(line.substr(line.rfind(',') + 1).c_str());
+        streams.push_back(type + (rate < 100000 ? ",low" : ",high"));
+      }
+    }
+    EXPECT_EQ(streams, c.streams);
+  }
+}
+
+TEST_F(MediaTest, ConnectionLostAtTheEndStillWritesAPlayableFile) {
+  const std::string body = readFile(*fixtures_ + "/plain.ts");
+  server_.setRoute("/cut.ts", {.body = body, .dropAfterBytes = static_cast<int64_t>(body.size()) - 3000});
+  auto r = record("/cut.ts", "cut.m3u8");
+  auto loader = start(r);
+  ASSERT_TRUE(finish());
+  EXPECT_EQ(probe_->lastError, std::nullopt);
+  auto streams = packetCounts(tmpPath(r));
+  ASSERT_EQ(streams.size(), 2u) << "the trailer was written, so the file opens";
+}
+
+TEST_F(MediaTest, FailuresReportFailed) {
+  struct Case {
+    const char* name;
+    std::string path;
+  } cases[] = {
+      {"missing playlist", "/nothing.m3u8"},
+      {"not media at all", "/text.m3u8"},
+      {"segment on the local disk", "/file_segment/evil.m3u8"},
+  };
+  server_.setRoute("/text.m3u8", {.body = "hello, this is not a playlist", .mimeType = "text/plain"});
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    probe_ = std::make_shared<LoaderProbe>();
+    auto r = record(c.path, "x.m3u8");
+    auto loader = start(r);
+    ASSERT_TRUE(finish());
+    EXPECT_EQ(probe_->lastError, "Failed");
+    EXPECT_EQ(r->position(), 0);
+  }
+}
+
+TEST_F(MediaTest, CancelReturnsPromptlyWhileTheServerStalls) {
+  const std::string body = readFile(*fixtures_ + "/hls/v1_seg002.ts");
+  server_.setRoute("/hls/v1_seg002.ts", {.body = body, .stallAtByte = 2000});
+  auto r = record("/hls/master.m3u8", "master.m3u8");
+  auto loader = start(r);
+  ASSERT_TRUE(host_.runUntil([&] { return !server_.requests("/hls/v1_seg002.ts").empty(); }, 30s));
+  host_.loop().runFor(300ms);
+  const int updates = probe_->updates;
+  auto before = std::chrono::steady_clock::now();
+  loader->cancel();
+  EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
+  host_.loop().runFor(300ms);
+  EXPECT_EQ(probe_->updates, updates);
+  EXPECT_EQ(probe_->completions, 0);
+}
+
+TEST_F(MediaTest, WithoutTheMediaLibraryThereIsNoLoaderAndNoGenerator) {
+  platform::MediaLibraryProbe::setEnabled(false);
+  auto r = record("/hls/master.m3u8", "master.m3u8");
+  EXPECT_EQ(PlayListLoader::createPlayListDataLoaderWithDownloadOperation(r, tmpPath(r), probe_), nullptr);
+  EXPECT_EQ(DFPrettyFilenameGenerator::sharedInstance(), nullptr);
+  EXPECT_EQ(r->outputFilename(), std::nullopt) << "no record field changes";
+  EXPECT_EQ(probe_->updates, 0);
+}
+
+TEST_F(MediaTest, NamesFromTags) {
+  auto generator = DFPrettyFilenameGenerator::sharedInstance();
+  ASSERT_TRUE(generator);
+  struct Case {
+    const char* file;
+    const char* given;
+    const char* expected;
+  } cases[] = {
+      {"/tags_title_artist.mp3", "track.MP3", "Band - Song.mp3"},
+      {"/tags_title_only.mp3", "track.mp3", "Song.mp3"},
+      {"/tags_empty_title.mp3", "track.mp3", "track.mp3"},
+      {"/tags_artist_only.mp3", "track.mp3", "track.mp3"},
+      {"/missing.mp3", "gone.mp3", "gone.mp3"},
+      {"/tags_title_artist.mp3", "a.FLAC", "Band - Song.flac"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.file);
+    std::optional<std::string> name;
+    bool onMain = false;
+    generator->generatePrettyFilenameForURL(*platform::URL::URLWithString(server_.url(c.file)), c.given,
+                                            [&](const std::string& n) {
+                                              name = n;
+                                              onMain = platform::isMainThread();
+                                            });
+    EXPECT_FALSE(name) << "delivered later, on the main queue";
+    ASSERT_TRUE(host_.runUntil([&] { return name.has_value(); }));
+    EXPECT_EQ(*name, c.expected);
+    EXPECT_TRUE(onMain);
+  }
+}
+
+TEST(PrettyFilenameGenerator, RulesOverTheTagsRead) {
+  TestHost host;
+  EXPECT_EQ(DFPrettyFilenameGenerator::audioFileExtensions().size(), 52u);
+  struct Case {
+    const char* name;
+    std::optional<DFAudioTags> tags;
+    const char* given;
+    const char* expected;
+  } cases[] = {
+      {"empty artist", DFAudioTags{"Song", ""}, "t.mp3", "Song.mp3"},
+      {"empty title", DFAudioTags{"", "Band"}, "t.mp3", "t.mp3"},
+      {"title not UTF-8", DFAudioTags{"\xff\xfe", "Band"}, "t.mp3", "t.mp3"},
+      {"artist not UTF-8", DFAudioTags{"Song", "\xff"}, "t.mp3", "Song.mp3"},
+      {"a slash stays", DFAudioTags{"A/B", "C"}, "t.ogg", "C - A/B.ogg"},
+      {"cannot open", std::nullopt, "t.wav", "t.wav"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    DFPrettyFilenameGenerator generator([&](const std::string&) { return c.tags; });
+    std::optional<std::string> name;
+    generator.generatePrettyFilenameForURL(*platform::URL::URLWithString("http://h.test/x"), c.given,
+                                           [&](const std::string& n) { name = n; });
+    ASSERT_TRUE(host.runUntil([&] { return name.has_value(); }));
+    EXPECT_EQ(*name, c.expected);
+  }
+  // Names outside the audio set are answered at once, without reading anything.
+  int reads = 0;
+  DFPrettyFilenameGenerator counting([&](const std::string&) {
+    ++reads;
+    return std::optional<DFAudioTags>();
+  });
+  for (const char* given : {"movie.mp4", "noextension", "m4b.m4b"}) {
+    std::optional<std::string> name;
+    counting.generatePrettyFilenameForURL(*platform::URL::URLWithString("http://h.test/x"), given,
+                                          [&](const std::string& n) { name = n; });
+    EXPECT_EQ(name, given);
+  }
+  EXPECT_EQ(reads, 0);
+}
+
+}  // namespace
