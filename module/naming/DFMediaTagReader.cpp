@@ -10,7 +10,10 @@ extern "C" {
 
 extern "C" bool DFMediaReadAudioTags(const std::string* url, DFAudioTags* tags) {
   static std::once_flag once;
-  std::call_once(once, [] { avformat_network_init(); });
+  std::call_once(once, [] {
+    av_log_set_level(AV_LOG_ERROR);
+    avformat_network_init();
+  });
 
   AVDictionary* options = nullptr;
   // Only the network: a server's address must not make FFmpeg read local files.

@@ -57,7 +57,10 @@ void DFDownloadOperationPlayListDataLoader::queueStep(void (DFDownloadOperationP
 void DFDownloadOperationPlayListDataLoader::initFFmpeg() {
   if (cancelled()) return;
   static std::once_flag once;
-  std::call_once(once, [] { avformat_network_init(); });
+  std::call_once(once, [] {
+    av_log_set_level(AV_LOG_ERROR);  // FFmpeg's chatter is not the user's business
+    avformat_network_init();
+  });
   queueStep(&DFDownloadOperationPlayListDataLoader::openInputContext);
 }
 

@@ -32,20 +32,38 @@ std::shared_ptr<MainLoop> MainLoop::current() {
 }
 
 void MainLoop::run() {
-  mainThread_ = std::this_thread::get_id();
-  if (context_.stopped()) context_.restart();
-  context_.run();
+  stopRequested_ = false;
+  runUntil([this] { return stopRequested_.load(); }, std::chrono::milliseconds::max());
 }
 
-void MainLoop::stop() { context_.stop(); }
+void MainLoop::stop() {
+  stopRequested_ = true;
+  context_.stop();
+}
 
 bool MainLoop::runUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
   mainThread_ = std::this_thread::get_id();
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  const bool forever = timeout == std::chrono::milliseconds::max();
+  const auto deadline = forever ? std::chrono::steady_clock::time_point::max() : std::chrono::steady_clock::now() + timeout;
+  // After handling work, poll for a few microseconds before sleeping: replies
+  // from worker threads (a transfer's next packet, say) often follow at once,
+  // and waking a sleeping thread costs more than the wait.
+  constexpr auto kSpin = std::chrono::microseconds(50);
   while (!condition()) {
-    if (std::chrono::steady_clock::now() >= deadline) return condition();
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= deadline) return condition();
     if (context_.stopped()) context_.restart();
-    context_.run_one_for(std::chrono::milliseconds(5));
+    if (context_.poll() > 0) {
+      const auto until = std::chrono::steady_clock::now() + kSpin;
+      while (!condition() && std::chrono::steady_clock::now() < until && context_.poll() == 0) {
+      }
+      continue;
+    }
+    if (forever) {
+      context_.run_one();
+    } else {
+      context_.run_one_for(std::min<std::chrono::steady_clock::duration>(std::chrono::milliseconds(5), deadline - now));
+    }
   }
   return true;
 }

@@ -43,6 +43,7 @@ class MainLoop {
   boost::asio::io_context context_;
   boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
   std::atomic<std::thread::id> mainThread_;
+  std::atomic<bool> stopRequested_{false};
 };
 
 }  // namespace shelfkit

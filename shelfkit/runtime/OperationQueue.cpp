@@ -1,6 +1,7 @@
 #include "module/platform/OperationQueue.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <exception>
 #include <thread>
@@ -25,8 +26,10 @@ class WorkerPool {
   void submit(std::function<void()> task) {
     std::lock_guard lock(mutex_);
     tasks_.push_back(std::move(task));
+    queued_.store(tasks_.size(), std::memory_order_release);
     if (threads_ < base_) spawn();
-    wake_.notify_one();
+    // A spinning worker takes the task without being woken.
+    if (spinning_ == 0) wake_.notify_one();
     if (!watching_) {
       watching_ = true;
       std::thread([this] { watch(); }).detach();
@@ -43,6 +46,7 @@ class WorkerPool {
   static constexpr std::size_t kMaxThreads = 64;
   static constexpr auto kStall = std::chrono::milliseconds(20);
   static constexpr auto kIdleExit = std::chrono::seconds(10);
+  static constexpr auto kSpin = std::chrono::microseconds(50);
 
   WorkerPool() : base_(std::max(2u, std::thread::hardware_concurrency())) {}
 
@@ -63,9 +67,24 @@ class WorkerPool {
     }
   }
 
+  // Chains of short operations hand work back and forth between threads; a
+  // worker that just finished one waits briefly before sleeping, which saves
+  // the wake-up of a sleeping thread for the next link.
+  void spinForWork(std::unique_lock<std::mutex>& lock) {
+    if (!tasks_.empty()) return;
+    ++spinning_;
+    lock.unlock();
+    const auto until = std::chrono::steady_clock::now() + kSpin;
+    while (queued_.load(std::memory_order_acquire) == 0 && std::chrono::steady_clock::now() < until) {
+    }
+    lock.lock();
+    --spinning_;  // the caller checks tasks_ under the lock before it sleeps
+  }
+
   void work() {
     std::unique_lock lock(mutex_);
     for (;;) {
+      spinForWork(lock);
       ++idle_;
       bool woke = wake_.wait_for(lock, kIdleExit, [this] { return !tasks_.empty(); });
       --idle_;
@@ -76,6 +95,7 @@ class WorkerPool {
       if (tasks_.empty()) continue;
       auto task = std::move(tasks_.front());
       tasks_.pop_front();
+      queued_.store(tasks_.size(), std::memory_order_release);
       lock.unlock();
       task();
       task = nullptr;
@@ -92,7 +112,9 @@ class WorkerPool {
   std::size_t threads_ = 0;
   std::size_t idle_ = 0;
   std::size_t finished_ = 0;
+  std::size_t spinning_ = 0;
   bool watching_ = false;
+  std::atomic<std::size_t> queued_{0};  // tasks_.size(), readable without the lock
 };
 
 thread_local const OperationQueue* tCurrentQueue = nullptr;
