@@ -4,6 +4,7 @@
 #include "module/platform/NetworkMonitor.h"
 #include "module/platform/RecordDatabase.h"
 #include "module/platform/UserDefaults.h"
+#include "shelfkit/kits/HeadlessPresenters.h"
 #include "shelfkit/kits/NetlinkNetworkMonitor.h"
 #include "shelfkit/kits/SqliteRecordDatabase.h"
 #include "shelfkit/runtime/JsonUserDefaults.h"
@@ -16,11 +17,18 @@ void installHostServices(const RootLayout& layout, std::shared_ptr<MainLoop> loo
   MainLoop::install(std::move(loop));
   platform::UserDefaults::setStandardUserDefaults(std::make_shared<JsonUserDefaults>(layout.preferencesFile()));
   platform::FileManager::setDefaultManager(std::make_shared<PosixFileManager>(layout.library, layout.documents));
-  platform::RecordDatabase::setFactory(SqliteRecordDatabase::factoryInDirectory(layout.databasesDirectory()));
+  platform::RecordDatabase::setFactory(
+      SqliteRecordDatabase::factoryInDirectory(layout.databasesDirectory(), /*batchesPerTurn=*/true));
   platform::NetworkMonitor::setSharedInstance(NetlinkNetworkMonitor::create(context));
+  platform::ProgressOverlay::setPresenter(std::make_shared<HeadlessProgressOverlay>());
+  platform::TipsPresenter::setPresenter(std::make_shared<HeadlessTipsPresenter>());
+  platform::AdPresenter::setSharedInstance(std::make_shared<CountingAdPresenter>());
 }
 
 void uninstallHostServices() {
+  platform::AdPresenter::setSharedInstance(nullptr);
+  platform::TipsPresenter::setPresenter(nullptr);
+  platform::ProgressOverlay::setPresenter(nullptr);
   platform::NetworkMonitor::setSharedInstance(nullptr);
   platform::RecordDatabase::setFactory(nullptr);
   platform::FileManager::setDefaultManager(nullptr);

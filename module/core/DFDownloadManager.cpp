@@ -132,28 +132,7 @@ void DFDownloadManager::setDownloadsPermitted(bool permitted) {
   updateDownloads();
 }
 
-void DFDownloadManager::updateDownloads() {
-  DCHECK_ON_MAIN();
-  // Scheduling arrives with the transfer loaders.
-}
-
-void DFDownloadManager::retryTimerFired() {
-  DCHECK_ON_MAIN();
-  updateDownloads();
-}
-
 void DFDownloadManager::networkManagerInternetConnectionStatusChanged(platform::NetworkMonitor&) {
   DCHECK_ON_MAIN();
   updateDownloads();
-}
-
-void DFDownloadManager::downloadOperationDataLoaderDownloadOperationUpdated(DFDownloadOperationDataLoader& loader) {
-  DCHECK_ON_MAIN();
-  updateDownloadOperation(loader.downloadOperation());
-}
-
-void DFDownloadManager::downloadOperationDataLoader(DFDownloadOperationDataLoader&,
-                                                    const std::optional<std::string>&) {
-  DCHECK_ON_MAIN();
-  // Completion and placement arrive with the transfer loaders.
 }

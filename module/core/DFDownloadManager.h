@@ -19,10 +19,12 @@
 #include "module/platform/RecordDatabase.h"
 #include "module/platform/ValueHolder.h"
 #include "module/platform/WeakObjectSet.h"
+#include "module/probe/DFDownloadOperationInfoLoader.h"
 #include "module/transfer/DFDownloadOperationDataLoader.h"
 
 class DFDownloadManager : public std::enable_shared_from_this<DFDownloadManager>,
                           public platform::NetworkMonitorDelegate,
+                          public DFDownloadOperationInfoLoaderDelegate,
                           public DFDownloadOperationDataLoaderDelegate {
   struct Passkey {};
 
@@ -71,17 +73,51 @@ class DFDownloadManager : public std::enable_shared_from_this<DFDownloadManager>
   void setUseCellularData(bool use);
   void setDownloadsPermitted(bool permitted);
 
-  // The scheduler.
+  // Scheduling: decides after every event which transfers run.
   void updateDownloads();
+  // The first active record in queue order with no retry wait and no running loader.
+  Record downloadOperationForDownloading() const;
+  void loadDataForDownloadOperation(const Record& downloadOperation);
+  std::shared_ptr<DFDownloadOperationDataLoader> dataLoaderForDownloadOperation(const Record& downloadOperation) const;
+  void stopDataLoadingForDownloadOperation(const Record& downloadOperation);
+  // The user's start/stop switch for one record.
+  void setActive(bool active, const Record& downloadOperation);
   void retryTimerFired();
   bool retryTimerRunning() const { return _retryTimer && _retryTimer->isValid(); }
+  // Hands the host's background-session handler to the loader of that session, if any.
+  void handleEventsForURLSession(const std::string& identifier, std::function<void()> completionHandler);
+
+  // Intake: refuses forbidden sites, probes under "Checking URL...", queues
+  // at the back. `completionBlock` (may be empty) runs once, after the user is done.
+  void downloadFileWithURL(const platform::URL& url, CompletionBlock completionBlock);
+  void downloadFileWithURL(const platform::URL& url, std::optional<DFDownloadOperationInfoLoader::MIMETypes> permittedMIMETypes,
+                           CompletionBlock completionBlock);
+  // True iff the lower-cased host contains one of the forbidden-site keywords.
+  static bool forbiddenURL(const platform::URL& url);
+
+  // Completion: on success, places the file in the documents folder under a
+  // free name, removes the record and adds the file to the recent items.
+  void completeDownloadOperation(const Record& downloadOperation, const std::optional<std::string>& withError);
+  void removeDownloadOperation(const Record& downloadOperation);
+  // The failure message of the record's last transfer, if it failed (for the command line).
+  std::optional<std::string> lastErrorOfDownloadOperation(const Record& downloadOperation) const;
 
   void networkManagerInternetConnectionStatusChanged(platform::NetworkMonitor& monitor) override;
+  void downloadOperationInfoLoader(DFDownloadOperationInfoLoader& loader,
+                                   const std::optional<std::string>& completeWithError) override;
   void downloadOperationDataLoaderDownloadOperationUpdated(DFDownloadOperationDataLoader& loader) override;
   void downloadOperationDataLoader(DFDownloadOperationDataLoader& loader,
                                    const std::optional<std::string>& completeWithError) override;
 
+  // Test seam: makes the data loaders instead of the real ones.
+  using DataLoaderFactory = std::function<std::shared_ptr<DFDownloadOperationDataLoader>(
+      const Record&, const std::string& tmpFilePath, std::weak_ptr<DFDownloadOperationDataLoaderDelegate>)>;
+  static void setDataLoaderFactoryForTesting(DataLoaderFactory factory);
+  // Test seam: the probes in flight.
+  std::vector<std::shared_ptr<DFDownloadOperationInfoLoader>> infoLoadersForTesting() const;
+
  private:
+  std::string destinationPathForDownloadOperation(const Record& downloadOperation) const;
   template <class Call>
   void notifyDelegates(Call call) {
     for (const auto& delegate : _delegates.objects()) call(*delegate);
@@ -93,4 +129,5 @@ class DFDownloadManager : public std::enable_shared_from_this<DFDownloadManager>
   std::unordered_map<platform::ValueHolder, CompletionBlock> _downloadOperationInfoLoaders;
   std::vector<std::shared_ptr<DFDownloadOperationDataLoader>> _downloadOperationDataLoaders;
   std::unique_ptr<platform::RepeatingTimer> _retryTimer;
+  std::unordered_map<std::string, std::string> _lastErrors;  // by uniqueId, until the record leaves
 };

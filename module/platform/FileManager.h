@@ -30,6 +30,14 @@ class FileManager {
   virtual bool moveItemAtPath(const std::string& from, const std::string& to) = 0;
   // Removes a file, or a directory with its contents.
   virtual bool removeItemAtPath(const std::string& path) = 0;
+
+  enum class PlaceResult { Placed, Exists, Failed };
+  // Moves the file `from` to `to` only if nothing exists at `to`, atomically:
+  // an existing file is never replaced. The file is flushed to disk first.
+  virtual PlaceResult placeItemAtPath(const std::string& from, const std::string& to) = 0;
+
+  // A text that identifies the file at `path` (its device and inode), or none.
+  virtual std::optional<std::string> uniqueIdOfItemAtPath(const std::string& path) const = 0;
 };
 
 }  // namespace platform

@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "module/platform/Log.h"
+#include "module/platform/MainQueue.h"
 #include "shelfkit/runtime/AtomicFile.h"
 
 namespace shelfkit {
@@ -58,17 +59,21 @@ std::shared_ptr<SqliteRecordDatabase> SqliteRecordDatabase::open(const std::stri
   return database;
 }
 
-platform::RecordDatabase::Factory SqliteRecordDatabase::factoryInDirectory(std::string directory) {
-  return [directory = std::move(directory)](const std::string& name, int64_t limit) -> std::shared_ptr<RecordDatabase> {
+platform::RecordDatabase::Factory SqliteRecordDatabase::factoryInDirectory(std::string directory, bool batchesPerTurn) {
+  return [directory = std::move(directory), batchesPerTurn](const std::string& name,
+                                                            int64_t limit) -> std::shared_ptr<RecordDatabase> {
     std::error_code error;
     std::filesystem::create_directories(directory, error);
-    return open(directory + "/" + name + ".sqlite", limit);
+    auto database = open(directory + "/" + name + ".sqlite", limit);
+    if (database) database->setBatchesWritesPerMainLoopTurn(batchesPerTurn);
+    return database;
   };
 }
 
 SqliteRecordDatabase::SqliteRecordDatabase(sqlite3* db, int64_t limit) : db_(db), limit_(limit) {}
 
 SqliteRecordDatabase::~SqliteRecordDatabase() {
+  if (inTurnBatch_) commitBatch();
   for (sqlite3_stmt* s : {select_, insert_, update_, remove_, trim_}) sqlite3_finalize(s);
   sqlite3_close(db_);
 }
@@ -110,6 +115,17 @@ std::unordered_map<std::string, std::string> SqliteRecordDatabase::itemData() {
 }
 
 void SqliteRecordDatabase::runWrite(sqlite3_stmt* statement) {
+  if (batchesPerTurn_ && !inTurnBatch_ && platform::isMainThread()) {
+    beginBatch();
+    inTurnBatch_ = true;
+    std::weak_ptr<SqliteRecordDatabase> weak = weak_from_this();
+    platform::dispatchAsyncMain([weak] {
+      if (auto self = weak.lock(); self && self->inTurnBatch_) {
+        self->inTurnBatch_ = false;
+        self->commitBatch();
+      }
+    });
+  }
   int rc = sqlite3_step(statement);
   if (rc != SQLITE_DONE) platform::log(std::string("record database: write failed: ") + sqlite3_errmsg(db_));
   sqlite3_reset(statement);

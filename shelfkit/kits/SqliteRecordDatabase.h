@@ -11,7 +11,8 @@ struct sqlite3_stmt;
 
 namespace shelfkit {
 
-class SqliteRecordDatabase : public platform::RecordDatabase {
+class SqliteRecordDatabase : public platform::RecordDatabase,
+                             public std::enable_shared_from_this<SqliteRecordDatabase> {
  public:
   // Opens or creates the database file at `path`. A file SQLite cannot read as
   // a database is moved aside (".corrupt"), logged, and a fresh one is made.
@@ -19,7 +20,7 @@ class SqliteRecordDatabase : public platform::RecordDatabase {
   static std::shared_ptr<SqliteRecordDatabase> open(const std::string& path, int64_t limit);
 
   // A factory that keeps each named database as `directory`/NAME.sqlite.
-  static Factory factoryInDirectory(std::string directory);
+  static Factory factoryInDirectory(std::string directory, bool batchesPerTurn = false);
 
   ~SqliteRecordDatabase() override;
   SqliteRecordDatabase(const SqliteRecordDatabase&) = delete;
@@ -34,6 +35,11 @@ class SqliteRecordDatabase : public platform::RecordDatabase {
   void beginBatch();
   void commitBatch();
 
+  // When on, the writes made on the main thread during one turn of the main
+  // loop go into one transaction, committed when the turn ends: renumbering a
+  // queue of 10,000 records is one commit, not 10,000.
+  void setBatchesWritesPerMainLoopTurn(bool batches) { batchesPerTurn_ = batches; }
+
  private:
   SqliteRecordDatabase(sqlite3* db, int64_t limit);
   bool prepare();
@@ -46,6 +52,8 @@ class SqliteRecordDatabase : public platform::RecordDatabase {
   sqlite3_stmt* update_ = nullptr;
   sqlite3_stmt* remove_ = nullptr;
   sqlite3_stmt* trim_ = nullptr;
+  bool batchesPerTurn_ = false;
+  bool inTurnBatch_ = false;
 };
 
 }  // namespace shelfkit

@@ -1,6 +1,8 @@
 #include "shelfkit/runtime/PosixFileManager.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -54,6 +56,88 @@ bool PosixFileManager::moveItemAtPath(const std::string& from, const std::string
 bool PosixFileManager::removeItemAtPath(const std::string& path) {
   std::error_code error;
   return fs::remove_all(path, error) > 0 && !error;
+}
+
+namespace {
+
+bool flush(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool ok = ::fsync(fd) == 0;
+  ::close(fd);
+  return ok;
+}
+
+// Copies `from` into a new file at `to`, never replacing one, and flushes it.
+platform::FileManager::PlaceResult copyExclusively(const std::string& from, const std::string& to) {
+  using Result = platform::FileManager::PlaceResult;
+  int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) return Result::Failed;
+  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (out < 0) {
+    int error = errno;
+    ::close(in);
+    return error == EEXIST ? Result::Exists : Result::Failed;
+  }
+  bool ok = true;
+  for (;;) {
+    ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
+    if (n > 0) continue;
+    if (n == 0) break;
+    if (errno == EINTR) continue;
+    // No kernel copy between these file systems: through a buffer.
+    char buffer[1 << 16];
+    for (;;) {
+      ssize_t r = ::read(in, buffer, sizeof buffer);
+      if (r < 0 && errno == EINTR) continue;
+      if (r <= 0) {
+        ok = r == 0;
+        break;
+      }
+      for (ssize_t done = 0; done < r && ok;) {
+        ssize_t w = ::write(out, buffer + done, static_cast<size_t>(r - done));
+        if (w < 0 && errno == EINTR) continue;
+        if (w <= 0) ok = false;
+        else done += w;
+      }
+      if (!ok) break;
+    }
+    break;
+  }
+  ok = ok && ::fsync(out) == 0;
+  ok = (::close(out) == 0) && ok;
+  ::close(in);
+  if (!ok) {
+    ::unlink(to.c_str());
+    return Result::Failed;
+  }
+  ::unlink(from.c_str());
+  return Result::Placed;
+}
+
+}  // namespace
+
+platform::FileManager::PlaceResult PosixFileManager::placeItemAtPath(const std::string& from, const std::string& to) {
+  flush(from);  // the data is on disk before its name moves
+  const std::string directory = fs::path(to).parent_path().string();
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+    syncDirectory(directory);
+    return PlaceResult::Placed;
+  }
+  if (errno == EEXIST) return PlaceResult::Exists;
+  if (errno == EXDEV || errno == EINVAL || errno == ENOSYS) {
+    PlaceResult result = copyExclusively(from, to);
+    if (result == PlaceResult::Placed) syncDirectory(directory);
+    return result;
+  }
+  return PlaceResult::Failed;
+}
+
+std::optional<std::string> PosixFileManager::uniqueIdOfItemAtPath(const std::string& path) const {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+  return std::to_string(static_cast<unsigned long long>(st.st_dev)) + ":" +
+         std::to_string(static_cast<unsigned long long>(st.st_ino));
 }
 
 }  // namespace shelfkit

@@ -16,6 +16,8 @@ class PosixFileManager : public platform::FileManager {
   std::optional<int64_t> fileSizeAtPath(const std::string& path) const override;
   bool moveItemAtPath(const std::string& from, const std::string& to) override;
   bool removeItemAtPath(const std::string& path) override;
+  PlaceResult placeItemAtPath(const std::string& from, const std::string& to) override;
+  std::optional<std::string> uniqueIdOfItemAtPath(const std::string& path) const override;
 
  private:
   const std::string library_;

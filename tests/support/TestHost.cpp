@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "module/platform/Clock.h"
 #include "module/platform/FileManager.h"
 #include "module/platform/RecordDatabase.h"
 #include "module/platform/UserDefaults.h"
@@ -28,9 +29,16 @@ TestHost::TestHost()
       std::make_shared<shelfkit::PosixFileManager>(layout_.library, layout_.documents));
   platform::RecordDatabase::setFactory(shelfkit::SqliteRecordDatabase::factoryInDirectory(layout_.databasesDirectory()));
   platform::NetworkMonitor::setSharedInstance(network_);
+  platform::ProgressOverlay::setPresenter(overlay_);
+  platform::TipsPresenter::setPresenter(tips_);
+  platform::AdPresenter::setSharedInstance(ads_);
 }
 
 TestHost::~TestHost() {
+  platform::AdPresenter::setSharedInstance(nullptr);
+  platform::TipsPresenter::setPresenter(nullptr);
+  platform::ProgressOverlay::setPresenter(nullptr);
+  platform::setClockForTesting(nullptr);
   platform::NetworkMonitor::setSharedInstance(nullptr);
   platform::RecordDatabase::setFactory(nullptr);
   platform::FileManager::setDefaultManager(nullptr);

@@ -11,6 +11,7 @@
 #include "shelfkit/runtime/MainLoop.h"
 #include "shelfkit/runtime/RootLayout.h"
 #include "tests/fakes/FakeNetworkMonitor.h"
+#include "tests/fakes/FakePresenters.h"
 
 class TestHost {
  public:
@@ -22,6 +23,9 @@ class TestHost {
   const shelfkit::RootLayout& layout() const { return layout_; }
   shelfkit::MainLoop& loop() { return *loop_; }
   FakeNetworkMonitor& network() { return *network_; }
+  RecordingOverlay& overlay() { return *overlay_; }
+  RecordingTips& tips() { return *tips_; }
+  RecordingAds& ads() { return *ads_; }
 
   // Replaces the defaults store with a fresh one read from disk, as a restart would.
   void reloadDefaults();
@@ -35,6 +39,9 @@ class TestHost {
   shelfkit::RootLayout layout_;
   std::shared_ptr<shelfkit::MainLoop> loop_;
   std::shared_ptr<FakeNetworkMonitor> network_;
+  std::shared_ptr<RecordingOverlay> overlay_ = std::make_shared<RecordingOverlay>();
+  std::shared_ptr<RecordingTips> tips_ = std::make_shared<RecordingTips>();
+  std::shared_ptr<RecordingAds> ads_ = std::make_shared<RecordingAds>();
 };
 
 // A fresh empty directory under the system's temporary folder; removed by the caller.

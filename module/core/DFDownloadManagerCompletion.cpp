@@ -1,0 +1,77 @@
+// The manager's completion: failure waits, success places the file under a
+// free name in the documents folder, and removal cleans up.
+#include <sys/stat.h>
+
+#include "module/core/DFDownloadManager.h"
+#include "module/core/DFSafeFilename.h"
+#include "module/platform/Clock.h"
+#include "module/platform/FileManager.h"
+#include "module/platform/Log.h"
+#include "module/ui/DFRecentItemsSource.h"
+
+namespace {
+
+constexpr auto kRetryDelay = std::chrono::milliseconds(10000);
+constexpr int kMaxCollisions = 100000;
+
+}  // namespace
+
+std::string DFDownloadManager::destinationPathForDownloadOperation(const Record& downloadOperation) const {
+  auto files = platform::FileManager::defaultManager();
+  const std::string name = DFSafeFilename(downloadOperation->outputFilename().value_or(""));
+  const std::string extension = platform::pathExtension(name);
+  const std::string base = files->documentsDirectory() + "/" + (extension.empty() ? name : platform::deletingPathExtension(name));
+  const std::string dotExtension = extension.empty() ? "" : "." + extension;
+  std::string candidate = base + dotExtension;
+  for (int n = 1; files->fileExistsAtPath(candidate) && n < kMaxCollisions; ++n)
+    candidate = base + "(" + std::to_string(n) + ")" + dotExtension;
+  return candidate;
+}
+
+void DFDownloadManager::completeDownloadOperation(const Record& downloadOperation,
+                                                  const std::optional<std::string>& withError) {
+  DCHECK_ON_MAIN();
+  if (withError) {
+    _lastErrors[downloadOperation->uniqueId()] = *withError;
+    downloadOperation->setRetryDate(platform::now() + kRetryDelay);
+    updateDownloads();
+    return;
+  }
+  _lastErrors.erase(downloadOperation->uniqueId());
+
+  auto files = platform::FileManager::defaultManager();
+  const std::string tmpFilePath = tmpFilePathForFilename(downloadOperation->uniqueId());
+  // Never replace an existing file: a name taken between the choice and the
+  // move sends us on to the next number.
+  std::string destination;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    destination = destinationPathForDownloadOperation(downloadOperation);
+    auto placed = files->placeItemAtPath(tmpFilePath, destination);
+    if (placed != platform::FileManager::PlaceResult::Exists) {
+      if (placed == platform::FileManager::PlaceResult::Failed)
+        platform::log("download manager: could not place " + destination);
+      break;
+    }
+  }
+  removeDownloadOperation(downloadOperation);
+  const std::string uniqueId = files->uniqueIdOfItemAtPath(destination).value_or("");
+  DFRecentItemsSource::sharedInstance()->addItemWithFilename(destination, uniqueId);
+}
+
+void DFDownloadManager::removeDownloadOperation(const Record& downloadOperation) {
+  DCHECK_ON_MAIN();
+  if (_database) _database->removeItemWithUniqueId(downloadOperation->uniqueId());
+  std::erase(_downloadOperations, downloadOperation);
+  const std::string tmpFilePath = tmpFilePathForFilename(downloadOperation->uniqueId());
+  stopDataLoadingForDownloadOperation(downloadOperation);
+  platform::FileManager::defaultManager()->removeItemAtPath(tmpFilePath);
+  _lastErrors.erase(downloadOperation->uniqueId());
+  notifyDelegates([&](DFDownloadManagerDelegate& d) { d.downloadOperationRemoved(*this, downloadOperation); });
+  updateDownloads();
+}
+
+std::optional<std::string> DFDownloadManager::lastErrorOfDownloadOperation(const Record& downloadOperation) const {
+  auto it = _lastErrors.find(downloadOperation->uniqueId());
+  if (it == _lastErrors.end()) return std::nullopt;
+  return it->second;
+}

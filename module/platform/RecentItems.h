@@ -1,0 +1,51 @@
+// The host's recent-items list: sources of recent files, each keeping its
+// items (path and file identifier) persistently in the host's Library.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace platform {
+
+struct RecentItem {
+  std::string path;
+  std::string uniqueId;
+};
+
+class RecentItemsSourceBase {
+ public:
+  // Items are kept under `name` in the host's Library.
+  explicit RecentItemsSourceBase(std::string name);
+  virtual ~RecentItemsSourceBase() = default;
+
+  const std::string& name() const { return name_; }
+  // Adds a file, newest first; an item with the same identifier is replaced. REQUIRES: main thread.
+  void addItemWithFilename(const std::string& path, const std::string& uniqueId);
+  // The items, newest first, that still exist on disk.
+  std::vector<RecentItem> items() const;
+
+  virtual std::string title() const = 0;
+  virtual std::string iconName() const = 0;
+  virtual std::string iconBundle() const = 0;
+  virtual int64_t priority() const = 0;
+  virtual std::string accessibilityLabel() const = 0;
+
+ private:
+  std::string storagePath() const;
+  std::vector<RecentItem> load() const;
+
+  const std::string name_;
+  mutable std::mutex mutex_;
+};
+
+class RecentItemsRegistry {
+ public:
+  static void registerSource(std::shared_ptr<RecentItemsSourceBase> source);
+  static std::vector<std::shared_ptr<RecentItemsSourceBase>> sources();  // by priority
+};
+
+}  // namespace platform

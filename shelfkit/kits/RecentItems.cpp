@@ -1,0 +1,79 @@
+#include "module/platform/RecentItems.h"
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+#include "module/platform/FileManager.h"
+#include "shelfkit/runtime/AtomicFile.h"
+
+namespace platform {
+namespace {
+
+constexpr size_t kMaxItems = 200;
+
+std::mutex gRegistryMutex;
+std::vector<std::shared_ptr<RecentItemsSourceBase>> gSources;  // guarded by gRegistryMutex
+
+}  // namespace
+
+RecentItemsSourceBase::RecentItemsSourceBase(std::string name) : name_(std::move(name)) {}
+
+std::string RecentItemsSourceBase::storagePath() const {
+  auto files = FileManager::defaultManager();
+  std::string directory = files->libraryDirectory() + "/RecentItems";
+  files->createDirectoryAtPath(directory);
+  return directory + "/" + name_ + ".json";
+}
+
+std::vector<RecentItem> RecentItemsSourceBase::load() const {
+  std::vector<RecentItem> items;
+  std::ifstream in(storagePath());
+  if (!in) return items;
+  std::stringstream text;
+  text << in.rdbuf();
+  auto json = nlohmann::json::parse(text.str(), nullptr, false);
+  if (!json.is_array()) return items;
+  for (const auto& entry : json) {
+    if (entry.is_object() && entry.value("path", nlohmann::json()).is_string() &&
+        entry.value("uniqueId", nlohmann::json()).is_string())
+      items.push_back({entry["path"].get<std::string>(), entry["uniqueId"].get<std::string>()});
+  }
+  return items;
+}
+
+void RecentItemsSourceBase::addItemWithFilename(const std::string& path, const std::string& uniqueId) {
+  std::lock_guard lock(mutex_);
+  std::vector<RecentItem> items = load();
+  std::erase_if(items, [&](const RecentItem& item) { return item.uniqueId == uniqueId || item.path == path; });
+  items.insert(items.begin(), {path, uniqueId});
+  if (items.size() > kMaxItems) items.resize(kMaxItems);
+  nlohmann::json json = nlohmann::json::array();
+  for (const auto& item : items) json.push_back({{"path", item.path}, {"uniqueId", item.uniqueId}});
+  shelfkit::writeFileAtomically(storagePath(), json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+std::vector<RecentItem> RecentItemsSourceBase::items() const {
+  std::lock_guard lock(mutex_);
+  std::vector<RecentItem> items = load();
+  auto files = FileManager::defaultManager();
+  std::erase_if(items, [&](const RecentItem& item) { return !files->fileExistsAtPath(item.path); });
+  return items;
+}
+
+void RecentItemsRegistry::registerSource(std::shared_ptr<RecentItemsSourceBase> source) {
+  std::lock_guard lock(gRegistryMutex);
+  gSources.push_back(std::move(source));
+}
+
+std::vector<std::shared_ptr<RecentItemsSourceBase>> RecentItemsRegistry::sources() {
+  std::lock_guard lock(gRegistryMutex);
+  auto sources = gSources;
+  std::stable_sort(sources.begin(), sources.end(),
+                   [](const auto& a, const auto& b) { return a->priority() > b->priority(); });
+  return sources;
+}
+
+}  // namespace platform

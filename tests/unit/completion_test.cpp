@@ -1,0 +1,150 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "module/core/DFDownloadManager.h"
+#include "module/core/DFSafeFilename.h"
+#include "module/platform/UserDefaults.h"
+#include "module/ui/DFRecentItemsSource.h"
+#include "shelfkit/kits/SqliteRecordDatabase.h"
+#include "tests/support/TestHost.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class CompletionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    manager_ = DFDownloadManager::init();
+    manager_->setDownloadsPermitted(false);  // records stay put until a test says otherwise
+  }
+
+  // A finished record named `outputName` whose temporary file holds `content`.
+  DFDownloadManager::Record finished(const std::string& outputName, const std::string& content) {
+    auto r = DFDownloadOperation::initWithURL(*platform::URL::URLWithString("http://h.test/x"));
+    r->setOutputFilename(outputName);
+    std::ofstream(DFDownloadManager::tmpFilePathForFilename(r->uniqueId()), std::ios::binary) << content;
+    return r;
+  }
+  std::string documents() const { return host_.layout().documents; }
+  std::set<std::string> documentNames() const {
+    std::set<std::string> names;
+    for (auto& entry : fs::directory_iterator(documents())) names.insert(entry.path().filename().string());
+    return names;
+  }
+
+  TestHost host_;
+  std::shared_ptr<DFDownloadManager> manager_;
+};
+
+TEST_F(CompletionTest, CollisionsGetTheNextFreeNumber) {
+  fs::create_directory(documents() + "/folder.txt");
+  struct Step {
+    const char* output;
+    const char* placedAs;
+  } steps[] = {
+      {"a.mp3", "a.mp3"}, {"a.mp3", "a(1).mp3"}, {"a.mp3", "a(2).mp3"}, {"notes", "notes"},
+      {"notes", "notes(1)"}, {"folder.txt", "folder(1).txt"}, {"archive.tar.gz", "archive.tar.gz"},
+      {"archive.tar.gz", "archive.tar(1).gz"},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.output);
+    const std::string content = std::string("content of ") + step.placedAs;
+    auto r = finished(step.output, content);
+    manager_->completeDownloadOperation(r, std::nullopt);
+    std::ifstream in(documents() + "/" + step.placedAs, std::ios::binary);
+    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(in)), {}), content);
+    EXPECT_FALSE(fs::exists(DFDownloadManager::tmpFilePathForFilename(r->uniqueId())));
+  }
+  auto items = DFRecentItemsSource::sharedInstance()->items();
+  ASSERT_FALSE(items.empty());
+  EXPECT_EQ(items.front().path, documents() + "/archive.tar(1).gz") << "the full path, newest first";
+  EXPECT_FALSE(items.front().uniqueId.empty());
+}
+
+TEST_F(CompletionTest, HostileNamesStayInsideTheDocumentsFolder) {
+  const std::string longName = std::string(300, 'n') + ".txt";
+  const char* names[] = {"../../escape.txt", "a/b.txt", "..", ".", "", "/etc/passwd"};
+  std::vector<std::string> all(std::begin(names), std::end(names));
+  all.push_back(longName);
+  all.push_back(longName);
+  for (const auto& name : all) {
+    SCOPED_TRACE(name.substr(0, 40));
+    manager_->completeDownloadOperation(finished(name, "x"), std::nullopt);
+  }
+  EXPECT_FALSE(fs::exists(fs::path(documents()).parent_path().parent_path() / "escape.txt"));
+  size_t files = 0;
+  for (auto& entry : fs::recursive_directory_iterator(documents())) {
+    EXPECT_TRUE(entry.is_regular_file()) << entry.path();
+    EXPECT_LE(entry.path().filename().string().size(), 255u);
+    ++files;
+  }
+  EXPECT_EQ(files, all.size()) << "every file placed, none replaced";
+  EXPECT_TRUE(documentNames().count(".._.._escape.txt"));
+  EXPECT_TRUE(documentNames().count("a_b.txt"));
+}
+
+TEST(SafeFilename, KeepsExtensionsAndRoomForANumber) {
+  EXPECT_EQ(DFSafeFilename("report.pdf"), "report.pdf");
+  EXPECT_EQ(DFSafeFilename("a\0b"), "a");  // a C string ends at NUL
+  EXPECT_EQ(DFSafeFilename(std::string("a\0b", 3)), "a_b");
+  std::string shortened = DFSafeFilename(std::string(400, 'x') + ".tar.gz");
+  EXPECT_LE(shortened.size() + 12, 255u);
+  EXPECT_TRUE(shortened.ends_with("x.gz"));
+  std::string multibyte;
+  for (int i = 0; i < 200; ++i) multibyte += "\xC3\xA9";  // é
+  std::string cut = DFSafeFilename(multibyte + ".txt");
+  EXPECT_TRUE(cut.ends_with(".txt"));
+  EXPECT_EQ((cut.size() - 4) % 2, 0u) << "not cut inside a character";
+}
+
+struct Journal : DFDownloadManagerDelegate {
+  std::vector<std::string> events;
+  void downloadOperationStarted(DFDownloadManager&, const Record& r) override { add("started", r); }
+  void downloadOperationStopped(DFDownloadManager&, const Record& r) override { add("stopped", r); }
+  void downloadOperationCompleted(DFDownloadManager&, const Record& r) override { add("completed", r); }
+  void downloadOperationRemoved(DFDownloadManager&, const Record& r) override { add("removed", r); }
+  void add(const char* what, const Record& r) { events.push_back(std::string(what) + " " + r->filename().value_or("?")); }
+};
+
+TEST(Removal, RunningRecordIsStoppedCleanedAndTheNextStarts) {
+  TestHost host;
+  struct Idle : DFDownloadOperationDataLoader {
+    using DFDownloadOperationDataLoader::DFDownloadOperationDataLoader;
+  };
+  DFDownloadManager::setDataLoaderFactoryForTesting(
+      [](const DFDownloadManager::Record& r, const std::string& path, std::weak_ptr<DFDownloadOperationDataLoaderDelegate> d) {
+        return std::make_shared<Idle>(r, path, d);
+      });
+  auto db = shelfkit::SqliteRecordDatabase::open(host.layout().databasesDirectory() + "/DFDownloadManager.sqlite", 0);
+  for (int i = 0; i < 3; ++i) {
+    auto r = DFDownloadOperation::initWithURL(*platform::URL::URLWithString("http://h.test/" + std::to_string(i)));
+    r->setFilename("r" + std::to_string(i));
+    r->setPriority(i);
+    r->setActive(true);
+    db->insertItemWithUniqueId(r->uniqueId(), *r);
+  }
+  db.reset();
+  platform::UserDefaults::standardUserDefaults()->setInteger(1, DFDownloadManager::kMaxActiveDownloadCountPreference);
+  auto manager = DFDownloadManager::init();
+  auto journal = std::make_shared<Journal>();
+  manager->addDelegate(journal);
+  auto queue = manager->downloadOperations();
+  const std::string partial = DFDownloadManager::tmpFilePathForFilename(queue[0]->uniqueId());
+  std::ofstream(partial) << "partial";
+
+  manager->removeDownloadOperation(queue[2]);  // not running
+  EXPECT_EQ(journal->events, (std::vector<std::string>{"removed r2"}));
+  journal->events.clear();
+  manager->removeDownloadOperation(queue[0]);  // running
+  EXPECT_EQ(journal->events, (std::vector<std::string>{"stopped r0", "removed r0", "started r1"}));
+  EXPECT_FALSE(fs::exists(partial));
+  EXPECT_EQ(manager->downloadOperations().size(), 1u);
+  manager.reset();
+  EXPECT_EQ(DFDownloadManager::init()->downloadOperations().size(), 1u) << "removed from the database too";
+  DFDownloadManager::setDataLoaderFactoryForTesting(nullptr);
+}
+
+}  // namespace

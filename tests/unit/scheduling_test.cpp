@@ -1,0 +1,203 @@
+#include <gtest/gtest.h>
+
+#include "module/core/DFDownloadManager.h"
+#include "module/platform/MediaLibraryProbe.h"
+#include "module/platform/UserDefaults.h"
+#include "module/transfer/DFDownloadOperationBasicDataLoader.h"
+#include "shelfkit/kits/SqliteRecordDatabase.h"
+#include "tests/support/TestHost.h"
+#include "tests/support/TestHttpServer.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// A loader that transfers nothing; the test makes it report.
+class FakeLoader : public DFDownloadOperationDataLoader {
+ public:
+  using DFDownloadOperationDataLoader::DFDownloadOperationDataLoader;
+  void fail() {
+    if (auto d = delegate()) d->downloadOperationDataLoader(*this, std::string("Failed"));
+  }
+};
+
+// Records Started/Stopped/Completed/Removed by file name, in order.
+struct Journal : DFDownloadManagerDelegate {
+  std::vector<std::string> events;
+  void downloadOperationStarted(DFDownloadManager&, const Record& r) override { add("started", r); }
+  void downloadOperationStopped(DFDownloadManager&, const Record& r) override { add("stopped", r); }
+  void downloadOperationCompleted(DFDownloadManager&, const Record& r) override { add("completed", r); }
+  void downloadOperationRemoved(DFDownloadManager&, const Record& r) override { add("removed", r); }
+  void add(const char* what, const Record& r) { events.push_back(std::string(what) + " " + r->filename().value_or("?")); }
+  std::vector<std::string> take() { return std::exchange(events, {}); }
+};
+
+class SchedulingTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    DFDownloadManager::setDataLoaderFactoryForTesting(
+        [this](const DFDownloadManager::Record& r, const std::string& path,
+               std::weak_ptr<DFDownloadOperationDataLoaderDelegate> delegate) {
+          auto loader = std::make_shared<FakeLoader>(r, path, delegate);
+          loaders_[r->filename().value_or("")] = loader;
+          return loader;
+        });
+  }
+  void TearDown() override { DFDownloadManager::setDataLoaderFactoryForTesting(nullptr); }
+
+  // Saves active records f0..f(n-1) in queue order, then starts a manager.
+  std::shared_ptr<DFDownloadManager> managerWithActiveRecords(int n) {
+    auto db = shelfkit::SqliteRecordDatabase::open(host_.layout().databasesDirectory() + "/DFDownloadManager.sqlite", 0);
+    for (int i = 0; i < n; ++i) {
+      auto r = DFDownloadOperation::initWithURL(*platform::URL::URLWithString("http://h.test/f" + std::to_string(i)));
+      r->setFilename("f" + std::to_string(i));
+      r->setPriority(i);
+      r->setActive(true);
+      db->insertItemWithUniqueId(r->uniqueId(), *r);
+    }
+    db.reset();
+    auto manager = DFDownloadManager::init();
+    manager->addDelegate(journal_);
+    return manager;
+  }
+
+  static std::vector<std::string> running(DFDownloadManager& manager) {
+    std::vector<std::string> names;
+    for (auto& r : manager.downloadOperations())
+      if (manager.downloadOperationInProgress(r)) names.push_back(*r->filename());
+    return names;
+  }
+
+  TestHost host_;
+  std::shared_ptr<Journal> journal_ = std::make_shared<Journal>();
+  std::map<std::string, std::shared_ptr<FakeLoader>> loaders_;
+};
+
+TEST_F(SchedulingTest, LimitStartsTheEarliestAndACompletionStartsTheNext) {
+  auto manager = managerWithActiveRecords(5);
+  EXPECT_EQ(running(*manager), (std::vector<std::string>{"f0", "f1", "f2"}));
+  manager->removeDownloadOperation(manager->downloadOperations()[1]);
+  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"stopped f1", "removed f1", "started f3"}));
+  EXPECT_EQ(running(*manager), (std::vector<std::string>{"f0", "f2", "f3"}));
+}
+
+TEST_F(SchedulingTest, LimitChangesStopTheNewestOrStartMore) {
+  auto manager = managerWithActiveRecords(5);
+  journal_->take();
+  manager->setMaxActiveDownloadCount(1);
+  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"stopped f1", "stopped f2"}));
+  EXPECT_EQ(running(*manager), (std::vector<std::string>{"f0"}));
+  manager->setMaxActiveDownloadCount(-1);
+  EXPECT_EQ(running(*manager).size(), 5u) << "a negative limit is unbounded";
+  manager->setMaxActiveDownloadCount(0);
+  EXPECT_TRUE(running(*manager).empty());
+  EXPECT_FALSE(manager->downloadsInProgress());
+}
+
+TEST_F(SchedulingTest, TheGateStopsEveryTransferOnceEach) {
+  host_.network().setState(true, false);  // cellular only
+  auto manager = managerWithActiveRecords(3);
+  auto second = std::make_shared<Journal>();
+  manager->addDelegate(second);
+  journal_->take();
+  manager->setUseCellularData(false);
+  const std::vector<std::string> stopped = {"stopped f0", "stopped f1", "stopped f2"};
+  EXPECT_EQ(journal_->take(), stopped);
+  EXPECT_EQ(second->take(), stopped);
+  manager->setUseCellularData(true);
+  EXPECT_EQ(running(*manager).size(), 3u);
+  host_.network().setState(false, false);  // the route disappears
+  EXPECT_TRUE(running(*manager).empty());
+  host_.network().setState(true, true);
+  EXPECT_EQ(running(*manager).size(), 3u);
+  manager->setDownloadsPermitted(false);
+  EXPECT_TRUE(running(*manager).empty());
+  for (auto& r : manager->downloadOperations()) EXPECT_TRUE(r->active()) << "the gate keeps the active flags";
+}
+
+TEST_F(SchedulingTest, AFailedRecordWaitsTenSecondsBeforeItIsStartedAgain) {
+  platform::Date now = platform::now();
+  platform::setClockForTesting([&] { return now; });
+  auto manager = managerWithActiveRecords(1);
+  journal_->take();
+  loaders_["f0"]->fail();
+  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"stopped f0"}));
+  now += 9s;
+  manager->retryTimerFired();
+  EXPECT_TRUE(journal_->take().empty());
+  now += 2s;
+  host_.network().setState(true, true);  // any event runs the scheduler
+  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"started f0"}));
+}
+
+TEST_F(SchedulingTest, DeactivatingStopsAndReactivatingStartsInQueueOrder) {
+  auto manager = managerWithActiveRecords(4);
+  auto queue = manager->downloadOperations();
+  journal_->take();
+  manager->setActive(false, queue[0]);
+  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"stopped f0", "started f3"}));
+  manager->setActive(false, queue[0]);
+  EXPECT_TRUE(journal_->take().empty()) << "no change, no event";
+  manager->setMaxActiveDownloadCount(4);
+  manager->setActive(true, queue[0]);
+  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"started f0"}));
+  manager->stopDataLoadingForDownloadOperation(manager->downloadOperations()[0]);
+  manager->stopDataLoadingForDownloadOperation(manager->downloadOperations()[0]);
+  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"stopped f0"})) << "a second stop finds no loader";
+}
+
+TEST(LoaderChoice, PlaylistsByExactExtensionOthersChunked) {
+  TestHost host;
+  TestHttpServer server;
+  server.setRoute("/x", {.size = 10});
+  auto db = shelfkit::SqliteRecordDatabase::open(host.layout().databasesDirectory() + "/DFDownloadManager.sqlite", 0);
+  for (const char* name : {"a.M3U8", "b.m3u8", "c.zip", "d.m3u"}) {
+    auto r = DFDownloadOperation::initWithURL(*platform::URL::URLWithString(server.url("/x")));
+    r->setFilename(name);
+    r->setActive(true);
+    db->insertItemWithUniqueId(r->uniqueId(), *r);
+  }
+  db.reset();
+  platform::UserDefaults::standardUserDefaults()->setInteger(-1, DFDownloadManager::kMaxActiveDownloadCountPreference);
+  for (bool media : {true, false}) {
+    SCOPED_TRACE(media ? "media library present" : "media library absent");
+    platform::MediaLibraryProbe::setEnabled(media);
+    auto manager = DFDownloadManager::init();
+    for (auto& r : manager->downloadOperations()) {
+      auto loader = manager->dataLoaderForDownloadOperation(r);
+      ASSERT_TRUE(loader);
+      bool chunked = dynamic_cast<DFDownloadOperationBasicDataLoader*>(loader.get()) != nullptr;
+      bool playlist = r->filename() == "b.m3u8" || r->filename() == "d.m3u";
+      EXPECT_EQ(chunked, !(media && playlist)) << *r->filename();
+    }
+    manager->setDownloadsPermitted(false);
+    platform::UserDefaults::standardUserDefaults()->setBool(true, DFDownloadManager::kDownloadsPermittedPreference);
+  }
+  platform::MediaLibraryProbe::setEnabled(true);
+}
+
+TEST(BackgroundEvents, ReachOnlyTheLoaderOfThatSession) {
+  TestHost host;
+  TestHttpServer server;
+  server.setRoute("/x.zip", {.size = 1000000, .stallBeforeBody = 200ms});
+  auto db = shelfkit::SqliteRecordDatabase::open(host.layout().databasesDirectory() + "/DFDownloadManager.sqlite", 0);
+  auto r = DFDownloadOperation::initWithURL(*platform::URL::URLWithString(server.url("/x.zip")));
+  r->setFilename("x.zip");
+  r->setActive(true);
+  db->insertItemWithUniqueId(r->uniqueId(), *r);
+  db.reset();
+  auto manager = DFDownloadManager::init();
+  auto record = manager->downloadOperations()[0];
+  auto loader = manager->dataLoaderForDownloadOperation(record);
+  ASSERT_TRUE(loader && loader->URLSessionIdentifier());
+  int unknown = 0, known = 0;
+  manager->handleEventsForURLSession("00000000-0000-0000-0000-000000000000", [&] { ++unknown; });
+  manager->handleEventsForURLSession(*loader->URLSessionIdentifier(), [&] { ++known; });
+  ASSERT_TRUE(host.runUntil([&] { return known > 0; }));
+  host.loop().runFor(100ms);
+  EXPECT_EQ(unknown, 0);
+  EXPECT_EQ(known, 1);
+  manager->setDownloadsPermitted(false);
+}
+
+}  // namespace
