@@ -10,6 +10,7 @@
 #include <boost/asio/signal_set.hpp>
 
 #include "module/core/DFDownloadManager.h"
+#include "shelf/GetCommand.h"
 #include "shelfkit/HostServices.h"
 
 namespace {
@@ -69,6 +70,15 @@ int main(int argc, char** argv) {
     command->add_option("--documents", serveOptions.documents, "Documents folder (default: ROOT/Documents)");
   }
 
+  GetOptions getOptions;
+  CLI::App* getCommand = app.add_subcommand("get", "Download the addresses into a folder, then exit");
+  getCommand->add_option("urls", getOptions.urls, "Web addresses")->required();
+  getCommand->add_option("-o,--output", getOptions.outputDirectory, "Folder for the files (default: here)");
+  getCommand->add_option("--tries", getOptions.tries, "Failures in a row before giving up (0: keep retrying)")
+      ->check(CLI::NonNegativeNumber);
+  getCommand->add_flag("-v,--verbose", getOptions.verbose, "Print the module's log");
+
   CLI11_PARSE(app, argc, argv);
+  if (getCommand->parsed()) return runGet(getOptions);
   return serve(serveOptions);
 }

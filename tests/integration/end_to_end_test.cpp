@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "module/core/DFDownloadManager.h"
+#include "tests/support/TestHost.h"
+#include "tests/support/TestHttpServer.h"
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+std::string readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), {});
+}
+
+class EndToEndTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    platform::setClockForTesting([this] { return platform::Date(std::chrono::system_clock::now()) + skipped_; });
+  }
+
+  // Runs the loop until `done`, letting retry waits pass at once: every 100 ms
+  // the clock jumps past the retry delay and the retry timer fires.
+  bool runWithRetries(DFDownloadManager& manager, const std::function<bool()>& done) {
+    auto lastJump = std::chrono::steady_clock::now();
+    return host_.runUntil(
+        [&] {
+          if (std::chrono::steady_clock::now() - lastJump > 100ms) {
+            lastJump = std::chrono::steady_clock::now();
+            skipped_ += 11s;
+            manager.retryTimerFired();
+          }
+          return done();
+        },
+        120s);
+  }
+
+  TestHost host_;
+  TestHttpServer server_;
+  std::chrono::seconds skipped_{0};
+};
+
+TEST_F(EndToEndTest, TenDownloadsThroughFaultsEndIdenticalToTheirSources) {
+  std::vector<std::pair<std::string, int64_t>> files;
+  for (int i = 0; i < 10; ++i) {
+    const int64_t size = i == 0 ? 50000 : 300000 + i * 70001;
+    const std::string path = "/e2e/file" + std::to_string(i) + ".dat";
+    files.emplace_back(path, size);
+    server_.setHandler(path, [size, i](const RecordedRequest&, int index) {
+      Behaviour b{.size = size};
+      if (i == 9) b.honourRange = false;                        // served whole, in one request
+      if (index == 2) b.dropAfterBytes = 7000;                  // the connection breaks mid-chunk
+      if (index == 4 && i % 2 == 0) b.honourRange = false;      // 200 with the whole file
+      return b;
+    });
+  }
+  auto manager = DFDownloadManager::init();
+  struct Failures : DFDownloadManagerDelegate {
+    int stopped = 0;
+    void downloadOperationStopped(DFDownloadManager&, const Record&) override { ++stopped; }
+  };
+  auto failures = std::make_shared<Failures>();
+  manager->addDelegate(failures);
+  int added = 0;
+  for (auto& [path, size] : files)
+    manager->downloadFileWithURL(*platform::URL::URLWithString(server_.url(path)),
+                                 [&](const DFDownloadManager::Record& r, const std::optional<std::string>&) { added += r != nullptr; });
+  ASSERT_TRUE(runWithRetries(*manager, [&] { return added == 10 && manager->downloadOperations().empty(); }));
+  for (auto& [path, size] : files) {
+    const fs::path placed = fs::path(host_.layout().documents) / fs::path(path).filename();
+    EXPECT_TRUE(readFile(placed) == TestHttpServer::pattern(0, size)) << placed;
+  }
+  EXPECT_TRUE(fs::is_empty(host_.layout().library + "/DownloaderTmpFiles")) << "no temporary file is left";
+  // Eight chunked files each met a dropped connection, half of them a 200 as well.
+  EXPECT_GE(failures->stopped, 12);
+}
+
+TEST_F(EndToEndTest, ARestartedManagerResumesFromTheLastCompleteChunk) {
+  const int64_t size = 2000000;  // chunks of 200000
+  bool stall = true;
+  server_.setHandler("/big.dat", [&](const RecordedRequest&, int index) {
+    Behaviour b{.size = size};
+    if (stall && index == 3) b.stallAtByte = 50000;  // the third chunk hangs
+    return b;
+  });
+  auto manager = DFDownloadManager::init();
+  manager->downloadFileWithURL(*platform::URL::URLWithString(server_.url("/big.dat")), nullptr);
+  ASSERT_TRUE(host_.runUntil([&] { return server_.requests("/big.dat").size() == 4; }, 30s));
+  host_.loop().runFor(200ms);
+  ASSERT_EQ(manager->downloadOperations().size(), 1u);
+  EXPECT_EQ(manager->downloadOperations()[0]->position(), 400000);
+  manager.reset();  // the process ends here
+  stall = false;
+  server_.releaseStalls();
+
+  auto restarted = DFDownloadManager::init();
+  ASSERT_TRUE(host_.runUntil([&] { return restarted->downloadOperations().empty(); }, 60s));
+  auto requests = server_.requests("/big.dat");
+  ASSERT_GE(requests.size(), 5u);
+  EXPECT_EQ(requests[4].header("Range"), "bytes=400000-599999");
+  EXPECT_TRUE(readFile(host_.layout().documents + "/big.dat") == TestHttpServer::pattern(0, size));
+}
+
+// `shelf get` as a user runs it.
+struct CommandRun {
+  int status;
+  std::string output;
+};
+CommandRun shelfGet(const std::string& arguments) {
+  std::string command = std::string(SHELF_BINARY) + " get " + arguments + " 2>&1";
+  CommandRun run{-1, ""};
+  FILE* pipe = popen(command.c_str(), "r");
+  char buffer[4096];
+  while (size_t n = fread(buffer, 1, sizeof buffer, pipe)) run.output.append(buffer, n);
+  int status = pclose(pipe);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
+TEST(ShelfGet, PlacesFilesAndReportsRefusalsAndFailures) {
+  TestHttpServer server;
+  const std::string out = makeTemporaryDirectory();
+  server.setRoute("/report.pdf", {.size = 1500000, .mimeType = "application/pdf"});
+  server.setRoute("/clip.mp4", {.size = 5000});
+  server.setHandler("/broken.zip", [](const RecordedRequest&, int index) {
+    Behaviour b{.size = 500000};
+    if (index > 0) b.dropAfterBytes = 1000;
+    return b;
+  });
+
+  CommandRun ok = shelfGet(server.url("/report.pdf") + " -o " + out);
+  EXPECT_EQ(ok.status, 0) << ok.output;
+  EXPECT_NE(ok.output.find(out + "/report.pdf"), std::string::npos) << ok.output;
+  EXPECT_TRUE(readFile(out + "/report.pdf") == TestHttpServer::pattern(0, 1500000));
+
+  CommandRun refused = shelfGet(server.url("/clip.mp4") + " -o " + out);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.output.find("Downloading of media content is prohibited"), std::string::npos) << refused.output;
+
+  CommandRun failed = shelfGet(server.url("/broken.zip") + " --tries 1 -o " + out);
+  EXPECT_EQ(failed.status, 1);
+  EXPECT_NE(failed.output.find("The network connection was lost."), std::string::npos) << failed.output;
+  EXPECT_FALSE(fs::exists(out + "/broken.zip"));
+
+  CommandRun bad = shelfGet("not-a-url -o " + out);
+  EXPECT_EQ(bad.status, 2);
+  fs::remove_all(out);
+}
+
+}  // namespace
