@@ -23,12 +23,14 @@ class KeyedArchiver {
   void encodeInt64(int64_t value, const char* key);
   void encodeBool(bool value, const char* key);
 
-  const KeyedArchive& archive() const { return archive_; }
+  // The archive as a JSON object (parsed from the encoded text).
+  KeyedArchive archive() const;
   // The archive as bytes, for storage.
   std::string encodedData() const;
 
  private:
-  KeyedArchive archive_ = KeyedArchive::object();
+  void appendKey(const char* key);
+  std::string text_;  // the members written so far, without the braces
 };
 
 // Reads values back. A missing key reads as none, 0 or false. A value of the

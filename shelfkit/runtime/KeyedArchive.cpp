@@ -2,22 +2,46 @@
 
 namespace platform {
 
+// The archive is written as text directly: records are saved often (a whole
+// queue on every addition), and building a JSON tree first costs several times more.
+namespace {
+
+std::string quoted(const std::string& text) {
+  // Names come from servers: bytes that are not UTF-8 are replaced, never thrown on.
+  return KeyedArchive(text).dump(-1, ' ', false, KeyedArchive::error_handler_t::replace);
+}
+
+}  // namespace
+
+void KeyedArchiver::appendKey(const char* key) {
+  if (!text_.empty()) text_ += ',';
+  text_ += quoted(key);
+  text_ += ':';
+}
+
 void KeyedArchiver::encodeString(const std::optional<std::string>& value, const char* key) {
-  archive_[key] = value ? KeyedArchive{{"string", *value}} : KeyedArchive(nullptr);
+  appendKey(key);
+  text_ += value ? "{\"string\":" + quoted(*value) + "}" : "null";
 }
 
 void KeyedArchiver::encodeURL(const std::optional<URL>& value, const char* key) {
-  archive_[key] = value ? KeyedArchive{{"url", value->absoluteString()}} : KeyedArchive(nullptr);
+  appendKey(key);
+  text_ += value ? "{\"url\":" + quoted(value->absoluteString()) + "}" : "null";
 }
 
-void KeyedArchiver::encodeInt64(int64_t value, const char* key) { archive_[key] = {{"int64", value}}; }
-
-void KeyedArchiver::encodeBool(bool value, const char* key) { archive_[key] = {{"bool", value}}; }
-
-std::string KeyedArchiver::encodedData() const {
-  // Names come from servers: bytes that are not UTF-8 are replaced, never thrown on.
-  return archive_.dump(-1, ' ', false, KeyedArchive::error_handler_t::replace);
+void KeyedArchiver::encodeInt64(int64_t value, const char* key) {
+  appendKey(key);
+  text_ += "{\"int64\":" + std::to_string(value) + "}";
 }
+
+void KeyedArchiver::encodeBool(bool value, const char* key) {
+  appendKey(key);
+  text_ += value ? "{\"bool\":true}" : "{\"bool\":false}";
+}
+
+std::string KeyedArchiver::encodedData() const { return "{" + text_ + "}"; }
+
+KeyedArchive KeyedArchiver::archive() const { return KeyedArchive::parse(encodedData()); }
 
 KeyedUnarchiver::KeyedUnarchiver(KeyedArchive archive) : archive_(std::move(archive)) {
   if (!archive_.is_object()) failed_ = true;

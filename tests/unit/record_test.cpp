@@ -38,7 +38,8 @@ TEST(DownloadOperation, ArchiveWritesTheNineKeysInOrder) {
   platform::KeyedArchiver archiver;
   record->encodeWithCoder(archiver);
   std::vector<std::string> keys;
-  for (auto& [key, value] : archiver.archive().items()) keys.push_back(key);
+  const platform::KeyedArchive archive = archiver.archive();
+  for (auto& [key, value] : archive.items()) keys.push_back(key);
   EXPECT_EQ(keys, (std::vector<std::string>{"url", "uniqueId", "position", "priority", "filename", "outputFilename",
                                             "size", "active", "partialDownloading"}));
 }

@@ -45,7 +45,7 @@ TEST(OperationQueue, ConcurrentQueueRespectsItsLimit) {
       int seen = most.load();
       while (now > seen && !most.compare_exchange_weak(seen, now)) {
       }
-      std::this_thread::sleep_for(20ms);
+      std::this_thread::sleep_for(60ms);  // long enough for the pool to add a worker
       --inside;
       ++done;
     });
