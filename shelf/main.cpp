@@ -10,6 +10,7 @@
 #include <boost/asio/signal_set.hpp>
 
 #include "module/core/DFDownloadManager.h"
+#include "module/platform/MediaLibraryProbe.h"
 #include "shelf/GetCommand.h"
 #include "shelfkit/HostServices.h"
 
@@ -78,7 +79,12 @@ int main(int argc, char** argv) {
       ->check(CLI::NonNegativeNumber);
   getCommand->add_flag("-v,--verbose", getOptions.verbose, "Print the module's log");
 
+  bool noMedia = false;
+  for (CLI::App* command : {&app, serveCommand, getCommand})
+    command->add_flag("--no-media", noMedia, "Run without the media library: playlists are fetched as plain files");
+
   CLI11_PARSE(app, argc, argv);
+  if (noMedia) platform::MediaLibraryProbe::setEnabled(false);
   if (getCommand->parsed()) return runGet(getOptions);
   return serve(serveOptions);
 }
