@@ -4,24 +4,11 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "bench/DriverSupport.h"
 #include "module/platform/FileManager.h"
 #include "module/transfer/DFDownloadOperationPlayListDataLoader.h"
 #include "shelfkit/runtime/MainLoop.h"
 #include "shelfkit/runtime/PosixFileManager.h"
-
-namespace {
-
-struct Done : DFDownloadOperationDataLoaderDelegate {
-  bool finished = false;
-  std::optional<std::string> error;
-  void downloadOperationDataLoaderDownloadOperationUpdated(DFDownloadOperationDataLoader&) override {}
-  void downloadOperationDataLoader(DFDownloadOperationDataLoader&, const std::optional<std::string>& e) override {
-    finished = true;
-    error = e;
-  }
-};
-
-}  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 3) {
@@ -38,7 +25,7 @@ int main(int argc, char** argv) {
 
   auto record = DFDownloadOperation::initWithURL(*url);
   record->setFilename("master.m3u8");
-  auto done = std::make_shared<Done>();
+  auto done = std::make_shared<CompletionRecorder>();
   auto start = std::chrono::steady_clock::now();
   auto loader = DFDownloadOperationPlayListDataLoader::createPlayListDataLoaderWithDownloadOperation(record, output, done);
   if (!loader) {

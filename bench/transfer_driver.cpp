@@ -8,25 +8,12 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "bench/DriverSupport.h"
 #include "module/platform/FileManager.h"
 #include "module/transfer/DFDownloadOperationBasicDataLoader.h"
 #include "shelfkit/runtime/MainLoop.h"
 #include "shelfkit/runtime/PosixFileManager.h"
 #include "shelfkit/runtime/RootLayout.h"
-
-namespace {
-
-struct Done : DFDownloadOperationDataLoaderDelegate {
-  bool finished = false;
-  std::optional<std::string> error;
-  void downloadOperationDataLoaderDownloadOperationUpdated(DFDownloadOperationDataLoader&) override {}
-  void downloadOperationDataLoader(DFDownloadOperationDataLoader&, const std::optional<std::string>& e) override {
-    finished = true;
-    error = e;
-  }
-};
-
-}  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 4) {
@@ -49,7 +36,7 @@ int main(int argc, char** argv) {
   std::filesystem::create_directories(tmp);
   tmp += "/" + record->uniqueId();
 
-  auto done = std::make_shared<Done>();
+  auto done = std::make_shared<CompletionRecorder>();
   auto start = std::chrono::steady_clock::now();
   auto loader = DFDownloadOperationBasicDataLoader::initWithDownloadOperation(record, tmp, done);
   loop->runUntil([&] { return done->finished; }, std::chrono::hours(1));

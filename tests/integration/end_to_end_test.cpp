@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "module/core/DFDownloadManager.h"
+#include "tests/support/Files.h"
 #include "tests/support/TestHost.h"
 #include "tests/support/TestHttpServer.h"
 
@@ -14,10 +15,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), {});
-}
 
 class EndToEndTest : public ::testing::Test {
  protected:

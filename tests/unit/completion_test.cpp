@@ -8,6 +8,7 @@
 #include "module/platform/UserDefaults.h"
 #include "module/ui/DFRecentItemsSource.h"
 #include "shelfkit/kits/SqliteRecordDatabase.h"
+#include "tests/support/Journal.h"
 #include "tests/support/TestHost.h"
 
 namespace fs = std::filesystem;
@@ -99,15 +100,6 @@ TEST(SafeFilename, KeepsExtensionsAndRoomForANumber) {
   EXPECT_TRUE(cut.ends_with(".txt"));
   EXPECT_EQ((cut.size() - 4) % 2, 0u) << "not cut inside a character";
 }
-
-struct Journal : DFDownloadManagerDelegate {
-  std::vector<std::string> events;
-  void downloadOperationStarted(DFDownloadManager&, const Record& r) override { add("started", r); }
-  void downloadOperationStopped(DFDownloadManager&, const Record& r) override { add("stopped", r); }
-  void downloadOperationCompleted(DFDownloadManager&, const Record& r) override { add("completed", r); }
-  void downloadOperationRemoved(DFDownloadManager&, const Record& r) override { add("removed", r); }
-  void add(const char* what, const Record& r) { events.push_back(std::string(what) + " " + r->filename().value_or("?")); }
-};
 
 TEST(Removal, RunningRecordIsStoppedCleanedAndTheNextStarts) {
   TestHost host;

@@ -11,6 +11,7 @@
 #include "module/platform/MediaLibraryProbe.h"
 #include "module/transfer/DFDownloadOperationPlayListDataLoader.h"
 #include "tests/support/LoaderProbe.h"
+#include "tests/support/Files.h"
 #include "tests/support/TestHost.h"
 #include "tests/support/TestHttpServer.h"
 
@@ -50,10 +51,6 @@ std::vector<std::string> packetCounts(const std::string& file) {
   return streamsOf(file, "codec_type,nb_read_packets");
 }
 
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), {});
-}
 
 class MediaTest : public ::testing::Test {
  protected:

@@ -5,6 +5,7 @@
 #include "module/platform/UserDefaults.h"
 #include "module/transfer/DFDownloadOperationBasicDataLoader.h"
 #include "shelfkit/kits/SqliteRecordDatabase.h"
+#include "tests/support/Journal.h"
 #include "tests/support/TestHost.h"
 #include "tests/support/TestHttpServer.h"
 
@@ -19,17 +20,6 @@ class FakeLoader : public DFDownloadOperationDataLoader {
   void fail() {
     if (auto d = delegate()) d->downloadOperationDataLoader(*this, std::string("Failed"));
   }
-};
-
-// Records Started/Stopped/Completed/Removed by file name, in order.
-struct Journal : DFDownloadManagerDelegate {
-  std::vector<std::string> events;
-  void downloadOperationStarted(DFDownloadManager&, const Record& r) override { add("started", r); }
-  void downloadOperationStopped(DFDownloadManager&, const Record& r) override { add("stopped", r); }
-  void downloadOperationCompleted(DFDownloadManager&, const Record& r) override { add("completed", r); }
-  void downloadOperationRemoved(DFDownloadManager&, const Record& r) override { add("removed", r); }
-  void add(const char* what, const Record& r) { events.push_back(std::string(what) + " " + r->filename().value_or("?")); }
-  std::vector<std::string> take() { return std::exchange(events, {}); }
 };
 
 class SchedulingTest : public ::testing::Test {

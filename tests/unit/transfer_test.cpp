@@ -10,6 +10,7 @@
 #include "module/probe/DFContentRange.h"
 #include "module/transfer/DFDownloadOperationBasicDataLoader.h"
 #include "tests/support/LoaderProbe.h"
+#include "tests/support/Files.h"
 #include "tests/support/TestHost.h"
 #include "tests/support/TestHttpServer.h"
 
@@ -19,10 +20,6 @@ using Loader = DFDownloadOperationBasicDataLoader;
 
 namespace {
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), {});
-}
 
 int threadCount() {
   int n = 0;

@@ -8,16 +8,13 @@
 
 #include "shelfkit/runtime/JsonUserDefaults.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Files.h"
 #include "tests/support/TestHost.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), {});
-}
 
 class UserDefaultsTest : public ::testing::Test {
  protected:
