@@ -80,18 +80,21 @@ TEST(OperationQueue, ManySerialQueuesShareAFewThreads) {
 }
 
 TEST(OperationQueue, BlockingOperationDoesNotStarveOtherQueues) {
-  auto blocked = platform::OperationQueue::create(1);
   std::atomic<bool> release{false};
-  for (int i = 0; i < 8; ++i)
-    platform::OperationQueue::create(1)->addOperation([&] {
+  std::vector<std::shared_ptr<platform::OperationQueue>> blocked;
+  for (int i = 0; i < 8; ++i) {
+    blocked.push_back(platform::OperationQueue::create(1));
+    blocked.back()->addOperation([&] {
       while (!release) std::this_thread::sleep_for(1ms);
     });
+  }
   auto other = platform::OperationQueue::create(1);
   std::atomic<bool> ran{false};
   other->addOperation([&] { ran = true; });
   other->waitUntilAllOperationsAreFinished();
   EXPECT_TRUE(ran);
   release = true;
+  for (auto& queue : blocked) queue->waitUntilAllOperationsAreFinished();  // they read `release` until then
 }
 
 TEST(OperationQueue, IsCurrentOnlyInsideItsOperations) {
