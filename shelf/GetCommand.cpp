@@ -118,6 +118,9 @@ int runGet(const GetOptions& options) {
   size_t pending = urls.size();
   bool refused = false;
   platform::dispatchAsyncMain([&] {
+    auto network = platform::NetworkMonitor::sharedInstance();
+    if (network && !network->internetAvailable())
+      printer.message("shelf: no network connection (no default route); waiting for one");
     manager = DFDownloadManager::init();
     manager->addDelegate(observer);
     for (const auto& url : urls) {
