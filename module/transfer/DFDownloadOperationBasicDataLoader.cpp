@@ -5,11 +5,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <vector>
 
 #include "module/core/DFLocalizedString.h"
+#include "module/platform/FileCopy.h"
 #include "module/platform/FileManager.h"
 #include "module/platform/MainQueue.h"
 #include "module/platform/UUID.h"
@@ -19,30 +18,6 @@ namespace {
 
 int64_t fileSizeOrZero(const std::string& path) {
   return platform::FileManager::defaultManager()->fileSizeAtPath(path).value_or(0);
-}
-
-// Copies all of `in` to the end of `out` in the kernel where it can, else
-// through a bounded buffer.
-void appendFile(int in, int out) {
-  for (;;) {
-    ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
-    if (n > 0) continue;
-    if (n == 0) return;
-    if (errno == EINTR) continue;
-    break;  // not supported here (another file system, old kernel): copy by hand
-  }
-  std::vector<char> buffer(256 * 1024);
-  for (;;) {
-    ssize_t n = ::read(in, buffer.data(), buffer.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;
-    for (ssize_t done = 0; done < n;) {
-      ssize_t w = ::write(out, buffer.data() + done, static_cast<size_t>(n - done));
-      if (w < 0 && errno == EINTR) continue;
-      if (w <= 0) return;
-      done += w;
-    }
-  }
 }
 
 }  // namespace
@@ -133,7 +108,7 @@ void DFDownloadOperationBasicDataLoader::addChunk(const std::string& path) {
   if (in < 0) return;
   int out = ::open(tmpFilePath().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   if (out >= 0) {
-    appendFile(in, out);
+    platform::copyFileContents(in, out);
     ::close(out);
   }
   ::close(in);

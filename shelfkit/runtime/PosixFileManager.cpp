@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "module/platform/FileCopy.h"
 #include "shelfkit/runtime/AtomicFile.h"
 
 namespace fs = std::filesystem;
@@ -79,31 +80,7 @@ platform::FileManager::PlaceResult copyExclusively(const std::string& from, cons
     ::close(in);
     return error == EEXIST ? Result::Exists : Result::Failed;
   }
-  bool ok = true;
-  for (;;) {
-    ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
-    if (n > 0) continue;
-    if (n == 0) break;
-    if (errno == EINTR) continue;
-    // No kernel copy between these file systems: through a buffer.
-    char buffer[1 << 16];
-    for (;;) {
-      ssize_t r = ::read(in, buffer, sizeof buffer);
-      if (r < 0 && errno == EINTR) continue;
-      if (r <= 0) {
-        ok = r == 0;
-        break;
-      }
-      for (ssize_t done = 0; done < r && ok;) {
-        ssize_t w = ::write(out, buffer + done, static_cast<size_t>(r - done));
-        if (w < 0 && errno == EINTR) continue;
-        if (w <= 0) ok = false;
-        else done += w;
-      }
-      if (!ok) break;
-    }
-    break;
-  }
+  bool ok = platform::copyFileContents(in, out);
   ok = ok && ::fsync(out) == 0;
   ok = (::close(out) == 0) && ok;
   ::close(in);
