@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "module/platform/Text.h"
 #include "module/probe/DFFilenameRules.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -11,6 +12,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   auto name = DFFilenameFromContentDisposition(value);
   if (name && name->empty()) std::abort();
   if (name && name->size() > value.size()) std::abort();  // decoding never grows the text
-  if (auto decoded = DFRemovingPercentEncoding(value); decoded && decoded->size() > value.size()) std::abort();
+  if (auto decoded = platform::removingPercentEncoding(value); decoded && decoded->size() > value.size()) std::abort();
   return 0;
 }

@@ -11,30 +11,7 @@ std::string_view trimSpacesAndTabs(std::string_view s) {
   return s.substr(b, e - b + 1);
 }
 
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
 }  // namespace
-
-std::optional<std::string> DFRemovingPercentEncoding(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '%') {
-      out += text[i];
-      continue;
-    }
-    if (i + 2 >= text.size() || hexValue(text[i + 1]) < 0 || hexValue(text[i + 2]) < 0) return std::nullopt;
-    out += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
-    i += 2;
-  }
-  if (!platform::isValidUTF8(out)) return std::nullopt;
-  return out;
-}
 
 std::string DFLowercaseASCII(std::string text) {
   for (char& c : text)
@@ -67,7 +44,7 @@ std::optional<std::string> DFFilenameFromContentDisposition(std::string_view val
 
   std::string result(trimSpacesAndTabs(part.substr(after)));
   if (extended && result.starts_with("UTF-8''")) {
-    auto decoded = DFRemovingPercentEncoding(std::string_view(result).substr(7));
+    auto decoded = platform::removingPercentEncoding(std::string_view(result).substr(7));
     if (!decoded) return std::nullopt;
     result = std::move(*decoded);
   }

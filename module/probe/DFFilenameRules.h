@@ -12,7 +12,4 @@
 // None when there is no usable name.
 std::optional<std::string> DFFilenameFromContentDisposition(std::string_view value);
 
-// Replaces percent escapes; none on a malformed escape or when the result is not UTF-8.
-std::optional<std::string> DFRemovingPercentEncoding(std::string_view text);
-
 std::string DFLowercaseASCII(std::string text);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "module/platform/Text.h"
 #include "module/platform/URLResponse.h"
 
 namespace platform {
@@ -12,26 +13,6 @@ std::string trim(std::string_view s) {
   size_t b = s.find_first_not_of(" \t");
   size_t e = s.find_last_not_of(" \t");
   return b == std::string_view::npos ? std::string() : std::string(s.substr(b, e - b + 1));
-}
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-std::string percentDecoded(std::string_view s) {
-  std::string out;
-  for (size_t i = 0; i < s.size(); ++i) {
-    if (s[i] == '%' && i + 2 < s.size() && hexValue(s[i + 1]) >= 0 && hexValue(s[i + 2]) >= 0) {
-      out += static_cast<char>(hexValue(s[i + 1]) * 16 + hexValue(s[i + 2]));
-      i += 2;
-    } else {
-      out += s[i];
-    }
-  }
-  return out;
 }
 
 // The file name of a Content-Disposition value: filename* (RFC 5987) when
@@ -51,7 +32,8 @@ std::string dispositionFilename(std::string_view value) {
     if (v.size() >= 2 && v.front() == '"' && v.back() == '"') v = v.substr(1, v.size() - 2);
     if (strcasecmp(name.c_str(), "filename*") == 0) {
       size_t quote = v.find("''");
-      extended = percentDecoded(quote == std::string::npos ? v : v.substr(quote + 2));
+      std::string encoded = quote == std::string::npos ? v : v.substr(quote + 2);
+      extended = removingPercentEncoding(encoded).value_or(encoded);
     } else if (strcasecmp(name.c_str(), "filename") == 0) {
       plain = v;
     }

@@ -3,6 +3,16 @@
 #include <cstdint>
 
 namespace platform {
+namespace {
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+}  // namespace
 
 bool isValidUTF8(std::string_view text) {
   size_t i = 0;
@@ -26,6 +36,22 @@ bool isValidUTF8(std::string_view text) {
     i += length;
   }
   return true;
+}
+
+std::optional<std::string> removingPercentEncoding(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      out += text[i];
+      continue;
+    }
+    if (i + 2 >= text.size() || hexValue(text[i + 1]) < 0 || hexValue(text[i + 2]) < 0) return std::nullopt;
+    out += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
+    i += 2;
+  }
+  if (!isValidUTF8(out)) return std::nullopt;
+  return out;
 }
 
 std::string UTF8FromHeaderBytes(std::string_view text) {
