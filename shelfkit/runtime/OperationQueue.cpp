@@ -139,11 +139,17 @@ void OperationQueue::addOperation(std::function<void()> operation) {
 }
 
 // Runs one operation, then gives the worker back to the pool, so that a busy
-// queue cannot hold a worker while other queues wait.
+// queue cannot hold a worker while other queues wait. Each drain task holds
+// one of the queue's slots; when another slot already took the operation this
+// one was queued for, it gives its slot back.
 void OperationQueue::drain() {
   std::function<void()> operation;
   {
     std::lock_guard lock(mutex_);
+    if (pending_.empty()) {
+      if (--running_ == 0) idle_.notify_all();
+      return;
+    }
     operation = std::move(pending_.front());
     pending_.pop_front();
   }

@@ -55,6 +55,23 @@ TEST(OperationQueue, ConcurrentQueueRespectsItsLimit) {
   EXPECT_EQ(most, 3);
 }
 
+TEST(OperationQueue, ConcurrentQueueRunsEachOperationOnceWhileOthersAreAdded) {
+  auto queue = platform::OperationQueue::create(4);
+  std::atomic<int> ran{0};
+  auto add = [&] {
+    for (int i = 0; i < 3000; ++i) {
+      queue->addOperation([&] { ++ran; });
+      if (i % 7 == 0) std::this_thread::yield();  // let slots drain and hand over mid-stream
+    }
+  };
+  std::thread other(add);
+  add();
+  other.join();
+  queue->waitUntilAllOperationsAreFinished();
+  EXPECT_EQ(ran, 6000);
+  EXPECT_EQ(queue->operationCount(), 0u);
+}
+
 TEST(OperationQueue, WaitIncludesOperationsAddedByOperations) {
   auto queue = platform::OperationQueue::create(1);
   std::atomic<bool> inner{false};
