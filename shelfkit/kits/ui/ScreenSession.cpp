@@ -1,0 +1,121 @@
+#include "shelfkit/kits/ui/ScreenSession.h"
+
+#include "module/platform/MainQueue.h"
+
+namespace shelfkit {
+namespace {
+
+uint64_t nextScreenId() {
+  static uint64_t next = 1;  // main thread only
+  return next++;
+}
+
+}  // namespace
+
+ScreenSession::ScreenSession(Send send) : send_(std::move(send)) {}
+
+ScreenSession::~ScreenSession() = default;
+
+std::shared_ptr<platform::TableScreenController> ScreenSession::current() const {
+  return stack_.empty() ? nullptr : stack_.back();
+}
+
+void ScreenSession::push(std::shared_ptr<platform::TableScreenController> controller) {
+  DCHECK_ON_MAIN();
+  if (!controller) return;
+  if (auto previous = current()) previous->setChangeHandler(nullptr);
+  stack_.push_back(std::move(controller));
+  show();
+}
+
+void ScreenSession::setRoot(std::shared_ptr<platform::TableScreenController> controller) {
+  DCHECK_ON_MAIN();
+  for (auto& screen : stack_) screen->setChangeHandler(nullptr);
+  stack_.clear();
+  push(std::move(controller));
+}
+
+void ScreenSession::back() {
+  DCHECK_ON_MAIN();
+  if (stack_.size() < 2) return;
+  stack_.back()->setChangeHandler(nullptr);
+  stack_.pop_back();
+  show();
+}
+
+void ScreenSession::show() {
+  auto controller = current();
+  screenId_ = nextScreenId();
+  std::weak_ptr<ScreenSession> weak = weak_from_this();
+  controller->setChangeHandler([weak] {
+    if (auto session = weak.lock()) session->scheduleFlush();
+  });
+  nlohmann::json screen = controller->snapshot();
+  screen["id"] = screenId_;
+  screen["back"] = stack_.size() > 1;
+  send({{"t", "screen"}, {"screen", std::move(screen)}});
+}
+
+void ScreenSession::scheduleFlush() {
+  if (flushScheduled_) return;
+  flushScheduled_ = true;
+  const auto due = lastFlush_ + kFlushInterval;
+  const auto now = std::chrono::steady_clock::now();
+  const auto delay = due > now ? std::chrono::ceil<std::chrono::milliseconds>(due - now) : std::chrono::milliseconds(0);
+  std::weak_ptr<ScreenSession> weak = weak_from_this();
+  platform::dispatchAfterMain(delay, [weak] {
+    if (auto session = weak.lock()) session->flush();
+  });
+}
+
+void ScreenSession::flush() {
+  DCHECK_ON_MAIN();
+  flushScheduled_ = false;
+  auto controller = current();
+  if (!controller || !controller->hasPendingChanges()) return;
+  nlohmann::json ops = controller->takePatchOps();
+  if (ops.empty()) return;
+  lastFlush_ = std::chrono::steady_clock::now();
+  ++patchesSent_;
+  send({{"t", "patch"}, {"screen", screenId_}, {"ops", std::move(ops)}});
+}
+
+void ScreenSession::sendMessage(const nlohmann::json& message) {
+  flush();
+  send(message);
+}
+
+void ScreenSession::send(const nlohmann::json& message) {
+  if (send_) send_(message.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+bool ScreenSession::handle(const nlohmann::json& message) {
+  DCHECK_ON_MAIN();
+  const std::string type = message.value("t", "");
+  auto controller = current();
+  if (type == "back") {
+    back();
+    return true;
+  }
+  if (!controller) return type == "select" || type == "viewport" || type == "tap" || type == "switch" || type == "stepper";
+  auto number = [&](const char* key) { return message.contains(key) && message[key].is_number() ? message[key].get<double>() : 0.0; };
+  auto id = [&] { return static_cast<uint64_t>(number("id")); };
+  if (type == "select") {
+    controller->userSelectRow(static_cast<int64_t>(number("row")), static_cast<int64_t>(number("section")),
+                              message.value("selected", false));
+  } else if (type == "viewport") {
+    controller->setVisibleRows(static_cast<int64_t>(number("section")), static_cast<int64_t>(number("first")),
+                               static_cast<int64_t>(number("last")));
+  } else if (type == "tap") {
+    if (auto* item = dynamic_cast<platform::BarButtonItem*>(controller->findView(id()))) item->tap();
+  } else if (type == "switch") {
+    if (auto* view = dynamic_cast<platform::Switch*>(controller->findView(id()))) view->userSetOn(message.value("on", false));
+  } else if (type == "stepper") {
+    if (auto* view = dynamic_cast<platform::Stepper*>(controller->findView(id()))) view->userSetValue(number("value"));
+  } else {
+    return false;
+  }
+  return true;
+}
+
+}  // namespace shelfkit
