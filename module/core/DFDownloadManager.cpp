@@ -20,12 +20,21 @@ void DFDownloadManager::load() {
   platform::dispatchAfterMain(kSharedInstanceDelay, [] { sharedInstance(); });
 }
 
+namespace {
+
+std::once_flag gSharedOnce;
+std::shared_ptr<DFDownloadManager>* gShared = nullptr;  // never destroyed: lives as long as the process
+
+}  // namespace
+
 std::shared_ptr<DFDownloadManager> DFDownloadManager::sharedInstance() {
-  // Never destroyed: the manager lives as long as the process.
-  static std::once_flag once;
-  static std::shared_ptr<DFDownloadManager>* instance = nullptr;
-  std::call_once(once, [] { instance = new std::shared_ptr<DFDownloadManager>(init()); });
-  return *instance;
+  std::call_once(gSharedOnce, [] { gShared = new std::shared_ptr<DFDownloadManager>(init()); });
+  return *gShared;
+}
+
+void DFDownloadManager::setSharedInstanceForTesting(std::shared_ptr<DFDownloadManager> manager) {
+  std::call_once(gSharedOnce, [] { gShared = new std::shared_ptr<DFDownloadManager>(); });
+  *gShared = std::move(manager);
 }
 
 std::string DFDownloadManager::tmpFilePathForFilename(const std::string& filename) {

@@ -113,6 +113,8 @@ class DFDownloadManager : public std::enable_shared_from_this<DFDownloadManager>
   using DataLoaderFactory = std::function<std::shared_ptr<DFDownloadOperationDataLoader>(
       const Record&, const std::string& tmpFilePath, std::weak_ptr<DFDownloadOperationDataLoaderDelegate>)>;
   static void setDataLoaderFactoryForTesting(DataLoaderFactory factory);
+  // Test seam: replaces the shared manager (each test makes its own with init()).
+  static void setSharedInstanceForTesting(std::shared_ptr<DFDownloadManager> manager);
   // Test seam: the probes in flight.
   std::vector<std::shared_ptr<DFDownloadOperationInfoLoader>> infoLoadersForTesting() const;
 

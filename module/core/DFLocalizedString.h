@@ -3,10 +3,7 @@
 
 #include <string>
 
-#include "module/platform/Localization.h"
-
 inline constexpr const char* kDFTextDomain = "downloader";
 
-inline std::string DFLocalizedString(const char* english) {
-  return platform::localizedString(kDFTextDomain, english);
-}
+// The translation of `english` from the module's bundle, or `english` itself.
+std::string DFLocalizedString(const char* english);

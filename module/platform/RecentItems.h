@@ -42,10 +42,16 @@ class RecentItemsSourceBase {
   mutable std::mutex mutex_;
 };
 
+// Sources are listed by descending priority. Thread-safe.
 class RecentItemsRegistry {
  public:
-  static void registerSource(std::shared_ptr<RecentItemsSourceBase> source);
-  static std::vector<std::shared_ptr<RecentItemsSourceBase>> sources();  // by priority
+  static std::shared_ptr<RecentItemsRegistry> sharedInstance();
+  void addRecentItemsSource(std::shared_ptr<RecentItemsSourceBase> source);
+  std::vector<std::shared_ptr<RecentItemsSourceBase>> sources() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::shared_ptr<RecentItemsSourceBase>> sources_;
 };
 
 }  // namespace platform

@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "module/core/DFLocalizedString.h"
+#include "module/ui/DFBundle.h"
 
 std::shared_ptr<DFRecentItemsSource> DFRecentItemsSource::sharedInstance() {
   static std::once_flag once;
@@ -13,4 +14,4 @@ std::shared_ptr<DFRecentItemsSource> DFRecentItemsSource::sharedInstance() {
 
 std::string DFRecentItemsSource::title() const { return DFLocalizedString("Recently Downloaded"); }
 
-std::string DFRecentItemsSource::iconBundle() const { return kDFTextDomain; }
+std::string DFRecentItemsSource::iconBundle() const { return kDFBundleIdentifier; }

@@ -8,6 +8,8 @@
 class DFRecentItemsSource : public platform::RecentItemsSourceBase {
  public:
   static std::shared_ptr<DFRecentItemsSource> sharedInstance();
+  // Registers the shared instance with the host's recent items.
+  static void load();
   explicit DFRecentItemsSource(std::string name) : RecentItemsSourceBase(std::move(name)) {}
 
   std::string title() const override;  // localised afresh on each call

@@ -14,9 +14,6 @@ namespace {
 
 constexpr size_t kMaxItems = 200;
 
-std::mutex gRegistryMutex;
-std::vector<std::shared_ptr<RecentItemsSourceBase>> gSources;  // guarded by gRegistryMutex
-
 }  // namespace
 
 RecentItemsSourceBase::RecentItemsSourceBase(std::string name) : name_(std::move(name)) {}
@@ -63,14 +60,19 @@ std::vector<RecentItem> RecentItemsSourceBase::items() const {
   return items;
 }
 
-void RecentItemsRegistry::registerSource(std::shared_ptr<RecentItemsSourceBase> source) {
-  std::lock_guard lock(gRegistryMutex);
-  gSources.push_back(std::move(source));
+std::shared_ptr<RecentItemsRegistry> RecentItemsRegistry::sharedInstance() {
+  static auto* instance = new std::shared_ptr<RecentItemsRegistry>(std::make_shared<RecentItemsRegistry>());
+  return *instance;
 }
 
-std::vector<std::shared_ptr<RecentItemsSourceBase>> RecentItemsRegistry::sources() {
-  std::lock_guard lock(gRegistryMutex);
-  auto sources = gSources;
+void RecentItemsRegistry::addRecentItemsSource(std::shared_ptr<RecentItemsSourceBase> source) {
+  std::lock_guard lock(mutex_);
+  sources_.push_back(std::move(source));
+}
+
+std::vector<std::shared_ptr<RecentItemsSourceBase>> RecentItemsRegistry::sources() const {
+  std::lock_guard lock(mutex_);
+  auto sources = sources_;
   std::stable_sort(sources.begin(), sources.end(),
                    [](const auto& a, const auto& b) { return a->priority() > b->priority(); });
   return sources;
