@@ -1,0 +1,406 @@
+#include <gtest/gtest.h>
+
+#include <boost/asio.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/websocket.hpp>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <fstream>
+#include <map>
+#include <thread>
+
+#include "shelf/server/RequestGuard.h"
+#include "shelf/server/WebServer.h"
+
+using namespace shelf;
+using namespace std::chrono_literals;
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace websocket = beast::websocket;
+using tcp = asio::ip::tcp;
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+namespace {
+
+TEST(RequestGuardTest, DecidesFromHostOriginAndToken) {
+  const GuardPolicy local{"127.0.0.1", 8080, std::nullopt}, lan{"192.168.1.5", 8080, "s3cret"},
+      any{"0.0.0.0", 8080, "s3cret"}, v6{"::1", 8080, std::nullopt};
+  const std::optional<std::string> none;
+  struct Case {
+    const char* name;
+    GuardPolicy policy;
+    GuardInput input;  // host, origin, authorization, cookie, query token
+    bool allowed, setCookie;
+  };
+  const Case cases[] = {
+      {"listen address", local, {"127.0.0.1:8080", none, none, none, none}, true, false},
+      {"localhost any case", local, {"LocalHost:8080", "http://localhost:8080", none, none, none}, true, false},
+      {"bracketed ::1 on loopback", local, {"[::1]:8080", "http://[::1]:8080", none, none, none}, true, false},
+      {"listening on ::1", v6, {"[0:0::1]:8080", none, none, none, none}, true, false},
+      {"no Host", local, {none, none, none, none, none}, false, false},
+      {"foreign Host", local, {"evil.example:8080", none, none, none, none}, false, false},
+      {"rebinding name", local, {"localhost.evil.example:8080", none, none, none, none}, false, false},
+      {"wrong port", local, {"127.0.0.1:8081", none, none, none, none}, false, false},
+      {"missing port is 80", local, {"127.0.0.1", none, none, none, none}, false, false},
+      {"junk port", local, {"127.0.0.1:80x", none, none, none, none}, false, false},
+      {"shorthand IPv4", local, {"127.1:8080", none, none, none, none}, false, false},
+      {"foreign Origin", local, {"127.0.0.1:8080", "http://evil.example", none, none, none}, false, false},
+      {"https Origin", local, {"127.0.0.1:8080", "https://127.0.0.1:8080", none, none, none}, false, false},
+      {"null Origin", local, {"127.0.0.1:8080", "null", none, none, none}, false, false},
+      {"Origin with a path", local, {"127.0.0.1:8080", "http://127.0.0.1:8080/x", none, none, none}, false, false},
+      {"token ignored on loopback", local, {"127.0.0.1:8080", none, "Bearer nope", none, none}, true, false},
+      {"token missing", lan, {"192.168.1.5:8080", none, none, none, none}, false, false},
+      {"bearer", lan, {"192.168.1.5:8080", none, "bearer s3cret", none, none}, true, false},
+      {"bearer wrong", lan, {"192.168.1.5:8080", none, "Bearer s3cre", none, none}, false, false},
+      {"basic is not bearer", lan, {"192.168.1.5:8080", none, "Basic s3cret", none, none}, false, false},
+      {"cookie among others", lan, {"192.168.1.5:8080", none, none, "a=1; shelf_token=s3cret; b=2", none}, true, false},
+      {"cookie with another name", lan, {"192.168.1.5:8080", none, none, "xshelf_token=s3cret", none}, false, false},
+      {"query token sets cookie", lan, {"192.168.1.5:8080", none, none, none, "s3cret"}, true, true},
+      {"query token wrong", lan, {"192.168.1.5:8080", none, none, "shelf_token=x", "s3cre"}, false, false},
+      {"token does not excuse Host", lan, {"evil.example:8080", none, "Bearer s3cret", none, none}, false, false},
+      {"wildcard takes any name", any, {"nas.lan:8080", "http://NAS.lan:8080", "Bearer s3cret", none, none}, true, false},
+      {"wildcard Origin must be the Host", any, {"nas.lan:8080", "http://evil.example:8080", "Bearer s3cret", none, none},
+       false, false},
+      {"wildcard still wants the token", any, {"nas.lan:8080", none, none, none, none}, false, false},
+      {"empty token matches nothing", {"192.168.1.5", 8080, ""}, {"192.168.1.5:8080", none, "Bearer ", "shelf_token=", ""},
+       false, false},
+  };
+  for (const auto& c : cases) {
+    const auto verdict = checkRequest(c.policy, c.input);
+    EXPECT_EQ(verdict.allowed, c.allowed) << c.name;
+    EXPECT_EQ(verdict.setCookie, c.setCookie) << c.name;
+    EXPECT_EQ(verdict.reason.empty(), c.allowed) << c.name;
+  }
+}
+
+TEST(RequestGuardTest, ClassifiesAddressesAndComparesTokens) {
+  for (auto [address, loopback] : std::vector<std::pair<std::string, bool>>{
+           {"127.0.0.1", true}, {"127.9.8.7", true}, {"::1", true}, {"localhost", true}, {"::ffff:127.0.0.1", true},
+           {"128.0.0.1", false}, {"0.0.0.0", false}, {"::", false}, {"192.168.1.5", false}, {"localhost.evil", false}})
+    EXPECT_EQ(isLoopbackAddress(address), loopback) << address;
+  EXPECT_TRUE(isWildcardAddress("0.0.0.0") && isWildcardAddress("::") && !isWildcardAddress("127.0.0.1"));
+  EXPECT_TRUE(constantTimeEquals("abc", "abc"));
+  EXPECT_FALSE(constantTimeEquals("abc", "abd") || constantTimeEquals("abc", "ab") || constantTimeEquals("", "a"));
+}
+
+struct Reply {
+  unsigned status = 0;
+  std::map<std::string, std::string> headers;  // lower-case names
+  std::string body;
+  std::string header(const std::string& name) const { return headers.count(name) ? headers.at(name) : "<none>"; }
+};
+
+// A keep-alive HTTP client on 127.0.0.1; Host defaults to the server's address.
+class Client {
+ public:
+  explicit Client(uint16_t port) : port_(port) { socket_.connect({asio::ip::make_address("127.0.0.1"), port}); }
+  Reply request(http::verb method, const std::string& target, const Headers& headers = {}, std::string body = {},
+                bool sendBody = true) {
+    http::request<http::string_body> req{method, target, 11};
+    req.set(http::field::host, "127.0.0.1:" + std::to_string(port_));
+    for (const auto& [name, value] : headers) req.set(name, value);
+    req.body() = std::move(body);
+    req.prepare_payload();
+    if (sendBody) {
+      http::write(socket_, req);
+    } else {
+      http::request_serializer<http::string_body> serializer{req};
+      http::write_header(socket_, serializer);
+    }
+    http::response_parser<http::string_body> parser;
+    parser.skip(method == http::verb::head);
+    parser.body_limit(boost::none);
+    http::read(socket_, buffer_, parser);
+    Reply reply{parser.get().result_int(), {}, parser.get().body()};
+    for (const auto& field : parser.get()) {
+      std::string name(field.name_string());
+      std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
+      reply.headers[name] = std::string(field.value());
+    }
+    return reply;
+  }
+
+ private:
+  asio::io_context ioc_;
+  tcp::socket socket_{ioc_};
+  beast::flat_buffer buffer_;
+  uint16_t port_;
+};
+
+using WsClient = websocket::stream<tcp::socket>;
+
+// Opens /ws with `origin`; `status` receives the handshake's HTTP status.
+std::unique_ptr<WsClient> openWs(asio::io_context& ioc, uint16_t port, const std::string& origin, unsigned* status,
+                                 const Headers& headers = {}) {
+  auto ws = std::make_unique<WsClient>(ioc);
+  ws->text(true);
+  ws->next_layer().connect({asio::ip::make_address("127.0.0.1"), port});
+  ws->set_option(websocket::stream_base::decorator([origin, headers](websocket::request_type& req) {
+    req.set(http::field::origin, origin);
+    for (const auto& [name, value] : headers) req.set(name, value);
+  }));
+  websocket::response_type response;
+  beast::error_code ec;
+  // The blocking handshake of Beast 1.74 drops the response when declined.
+  ws->async_handshake(response, "127.0.0.1:" + std::to_string(port), "/ws", [&](beast::error_code e) { ec = e; });
+  ioc.restart();
+  ioc.run();
+  *status = response.result_int();
+  return ec ? nullptr : std::move(ws);
+}
+
+std::string readText(WsClient& ws) {
+  beast::flat_buffer buffer;
+  ws.read(buffer);
+  return beast::buffers_to_string(buffer.data());
+}
+
+class WebServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = std::filesystem::temp_directory_path() / ("web_server_test_" + std::to_string(::getpid()));
+    std::filesystem::create_directories(dir_);
+    std::ofstream(dir_ / "index.html") << "<p>shelf</p>";
+    std::ofstream(dir_ / "r\xC3\xA9sum\xC3\xA9 1.txt") << "twelve bytes";
+  }
+
+  void TearDown() override {
+    if (server_) server_->stop();
+    for (auto& thread : responders_) thread.join();
+    std::filesystem::remove_all(dir_);
+  }
+
+  void start(WebServerOptions options = {}) {
+    std::string error;
+    server_ = WebServer::start(options, handlers(), &error);
+    ASSERT_TRUE(server_) << error;
+  }
+
+  WebServerHandlers handlers() {
+    WebServerHandlers h;
+    h.api = [this](HttpRequest req, std::function<void(HttpResponse)> respond) {
+      ++apiCalls_;
+      if (req.path == "/api/drop") return;
+      std::lock_guard lock(mutex_);
+      responders_.emplace_back([req = std::move(req), respond] {  // answers from another thread
+        std::this_thread::sleep_for(10ms);
+        const auto q = req.query.count("q") ? req.query.at("q") : "";
+        const auto x = req.headers.count("x-test") ? req.headers.at("x-test") : "";
+        respond({201, "text/plain", req.method + "|" + req.path + "|" + q + "|" + x + "|" + std::to_string(req.body.size()),
+                 {{"X-Answered", "yes"}}});
+      });
+    };
+    h.resolveFile = [this](const HttpRequest& req) -> std::optional<ServedFile> {
+      if (req.path == "/index.html") return ServedFile{dir_ / "index.html", "text/html; charset=utf-8", false};
+      if (req.path == "/files/report") return ServedFile{dir_ / "r\xC3\xA9sum\xC3\xA9 1.txt", "text/plain", true};
+      if (req.path == "/gone") return ServedFile{dir_ / "missing", "text/plain", false};
+      return std::nullopt;
+    };
+    h.opened = [this](std::shared_ptr<WebSocketConnection> c) { record("opened", c->id(), c); };
+    h.message = [this](uint64_t id, std::string text) {
+      record("message " + text, id);
+      std::lock_guard lock(mutex_);
+      sockets_.at(id)->send("echo:" + text);
+    };
+    h.closed = [this](uint64_t id) { record("closed", id); };
+    return h;
+  }
+
+  void record(std::string event, uint64_t id, std::shared_ptr<WebSocketConnection> c = nullptr) {
+    std::lock_guard lock(mutex_);
+    if (c) sockets_[id] = c;
+    events_.push_back(event + " " + std::to_string(id));
+    changed_.notify_all();
+  }
+
+  bool waitForEvent(const std::string& event) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, 5s, [&] { return std::count(events_.begin(), events_.end(), event) > 0; });
+  }
+
+  bool waitForSockets(size_t count) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, 5s, [&] { return sockets_.size() == count; });
+  }
+
+  std::shared_ptr<WebSocketConnection> socket(size_t index) {
+    std::lock_guard lock(mutex_);
+    return std::next(sockets_.begin(), static_cast<ptrdiff_t>(index))->second;
+  }
+
+  std::filesystem::path dir_;
+  std::atomic<int> apiCalls_{0};
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::thread> responders_;                                  // guarded by mutex_
+  std::vector<std::string> events_;                                      // guarded by mutex_
+  std::map<uint64_t, std::shared_ptr<WebSocketConnection>> sockets_;     // guarded by mutex_
+  std::unique_ptr<WebServer> server_;
+};
+
+TEST_F(WebServerTest, RefusesForeignHostsAndOriginsBeforeRouting) {
+  start();
+  const std::string self = "127.0.0.1:" + std::to_string(server_->port());
+  EXPECT_EQ(server_->url(), "http://" + self + "/");
+  const struct {
+    Headers headers;
+    unsigned status;
+  } cases[] = {
+      {{}, 201},
+      {{{"Host", "localhost:" + std::to_string(server_->port())}}, 201},
+      {{{"Host", "[::1]:" + std::to_string(server_->port())}}, 201},
+      {{{"Origin", "http://" + self}}, 201},
+      {{{"Host", "evil.example:" + std::to_string(server_->port())}}, 403},
+      {{{"Origin", "http://evil.example"}}, 403},
+  };
+  Client client(server_->port());
+  int expectedCalls = 0;
+  for (const auto& c : cases) {
+    const auto reply = client.request(http::verb::post, "/api/echo", c.headers, "{}");
+    EXPECT_EQ(reply.status, c.status) << (c.headers.empty() ? "defaults" : c.headers[0].second);
+    if (c.status == 403) {
+      EXPECT_EQ(reply.header("content-type"), "text/plain; charset=utf-8");
+    }
+    expectedCalls += c.status == 201;
+  }
+  EXPECT_EQ(apiCalls_, expectedCalls);
+}
+
+TEST_F(WebServerTest, ApiAnswersFromAnotherThreadOnAKeptAliveConnection) {
+  start();
+  Client client(server_->port());
+  for (int round = 0; round < 2; ++round) {
+    const auto reply = client.request(http::verb::post, "/api/a%20b?q=x+y%26z", {{"X-Test", "t"}}, "hello");
+    EXPECT_EQ(reply.status, 201u);
+    EXPECT_EQ(reply.body, "POST|/api/a b|x y&z|t|5");
+    EXPECT_EQ(reply.header("x-answered"), "yes");
+    EXPECT_EQ(reply.header("cache-control"), "no-store");
+  }
+  EXPECT_EQ(client.request(http::verb::get, "/api/drop").status, 500u);  // respond dropped unanswered
+  EXPECT_EQ(client.request(http::verb::put, "/api/big", {}, std::string(1 << 20, 'x')).body, "PUT|/api/big|||1048576");
+  EXPECT_EQ(client.request(http::verb::put, "/api/big", {}, std::string((1 << 20) + 1, 'x'), false).status, 413u);
+}
+
+TEST_F(WebServerTest, ServesFilesAndAnswersOtherPaths) {
+  start();
+  const struct {
+    http::verb method;
+    const char* target;
+    unsigned status;
+    std::string type, disposition, length, body;
+  } cases[] = {
+      {http::verb::get, "/index.html", 200, "text/html; charset=utf-8", "<none>", "12", "<p>shelf</p>"},
+      {http::verb::get, "/files/report", 200, "text/plain", "attachment; filename*=UTF-8''r%C3%A9sum%C3%A9%201.txt", "12",
+       "twelve bytes"},
+      {http::verb::head, "/files/report", 200, "text/plain", "attachment; filename*=UTF-8''r%C3%A9sum%C3%A9%201.txt",
+       "12", ""},
+      {http::verb::get, "/nothing", 404, "text/plain; charset=utf-8", "<none>", "10", "not found\n"},
+      {http::verb::head, "/gone", 404, "text/plain; charset=utf-8", "<none>", "10", ""},
+      {http::verb::post, "/index.html", 405, "text/plain; charset=utf-8", "<none>", "19", "method not allowed\n"},
+      {http::verb::get, "/bad%zz", 400, "text/plain; charset=utf-8", "<none>", "25", "malformed request target\n"},
+  };
+  Client client(server_->port());
+  for (const auto& c : cases) {
+    const auto reply = client.request(c.method, c.target);
+    EXPECT_EQ(reply.status, c.status) << c.target;
+    EXPECT_EQ(reply.header("content-type"), c.type) << c.target;
+    EXPECT_EQ(reply.header("content-disposition"), c.disposition) << c.target;
+    EXPECT_EQ(reply.header("content-length"), c.length) << c.target;
+    EXPECT_EQ(reply.body, c.body) << c.target;
+    EXPECT_EQ(reply.header("x-content-type-options"), "nosniff");
+    EXPECT_EQ(reply.header("cache-control"), "no-store");
+    EXPECT_EQ(reply.header("content-security-policy"),
+              "default-src 'self'; connect-src 'self'; img-src 'self' data:; style-src 'self'");
+    EXPECT_EQ(reply.header("set-cookie"), "<none>");
+  }
+}
+
+TEST_F(WebServerTest, RequiresTheTokenWhenAskedTo) {
+  start({.listenAddress = "127.0.0.1", .port = 0, .accessToken = "s3cret", .requireToken = true});
+  EXPECT_EQ(server_->url(), "http://127.0.0.1:" + std::to_string(server_->port()) + "/?token=s3cret");
+  const struct {
+    std::string target;
+    Headers headers;
+    unsigned status;
+    std::string cookie;
+  } cases[] = {
+      {"/index.html", {}, 403, "<none>"},
+      {"/index.html", {{"Authorization", "Bearer wrong"}}, 403, "<none>"},
+      {"/index.html", {{"Authorization", "Bearer s3cret"}}, 200, "<none>"},
+      {"/index.html", {{"Cookie", "shelf_token=s3cret"}}, 200, "<none>"},
+      {"/index.html?token=wrong", {}, 403, "<none>"},
+      {"/index.html?token=s3cret", {}, 200, "shelf_token=s3cret; HttpOnly; SameSite=Strict; Path=/"},
+  };
+  Client client(server_->port());
+  for (const auto& c : cases) {
+    const auto reply = client.request(http::verb::get, c.target, c.headers);
+    EXPECT_EQ(reply.status, c.status) << c.target << " " << c.headers.size();
+    EXPECT_EQ(reply.header("set-cookie"), c.cookie) << c.target;
+  }
+  asio::io_context ioc;
+  unsigned status = 0;
+  EXPECT_FALSE(openWs(ioc, server_->port(), "http://127.0.0.1:" + std::to_string(server_->port()), &status));
+  EXPECT_EQ(status, 403u);
+  EXPECT_TRUE(openWs(ioc, server_->port(), "http://127.0.0.1:" + std::to_string(server_->port()), &status,
+                     {{"Cookie", "shelf_token=s3cret"}}));
+}
+
+TEST_F(WebServerTest, RefusesToStartWithoutTokenOrAddress) {
+  start();
+  const WebServerOptions cases[] = {
+      {.listenAddress = "127.0.0.1", .port = 0, .accessToken = std::nullopt, .requireToken = true},
+      {.listenAddress = "0.0.0.0", .port = 0, .accessToken = "", .requireToken = std::nullopt},
+      {.listenAddress = "not-an-address", .port = 0, .accessToken = std::nullopt, .requireToken = std::nullopt},
+      {.listenAddress = "127.0.0.1", .port = server_->port(), .accessToken = std::nullopt, .requireToken = std::nullopt},
+  };
+  for (const auto& options : cases) {
+    std::string error;
+    EXPECT_FALSE(WebServer::start(options, {}, &error)) << options.listenAddress;
+    EXPECT_FALSE(error.empty()) << options.listenAddress;
+  }
+}
+
+TEST_F(WebServerTest, WebSocketCarriesTextBothWaysAndCloses) {
+  start();
+  const uint16_t port = server_->port();
+  const std::string origin = "http://127.0.0.1:" + std::to_string(port);
+  asio::io_context ioc;
+  unsigned status = 0;
+  EXPECT_FALSE(openWs(ioc, server_->port(), "http://evil.example", &status));
+  EXPECT_EQ(status, 403u);
+
+  auto first = openWs(ioc, server_->port(), origin, &status);
+  auto second = openWs(ioc, server_->port(), origin, &status);
+  ASSERT_TRUE(first && second);
+  ASSERT_TRUE(waitForSockets(2));
+  first->write(asio::buffer(std::string("hello")));
+  EXPECT_EQ(readText(*first), "echo:hello");  // through `message` and a send on the server thread
+  const auto a = socket(0), b = socket(1);
+  EXPECT_NE(a->id(), b->id());
+  EXPECT_TRUE(waitForEvent("message hello " + std::to_string(a->id())));
+  for (int i = 0; i < 50; ++i) a->send("push " + std::to_string(i));  // queued while writes are in flight
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(readText(*first), "push " + std::to_string(i));
+
+  a->close();
+  beast::flat_buffer buffer;
+  beast::error_code ec;
+  first->read(buffer, ec);
+  EXPECT_EQ(ec, websocket::error::closed);
+  EXPECT_TRUE(waitForEvent("closed " + std::to_string(a->id())));
+
+  server_->stop();
+  server_->stop();
+  EXPECT_TRUE(waitForEvent("closed " + std::to_string(b->id())));
+  second->read(buffer, ec);
+  EXPECT_TRUE(ec);
+  server_.reset();
+  b->send("after the server is gone");  // does nothing
+  b->close();
+  EXPECT_THROW(Client{port}, boost::system::system_error);  // no longer listening
+}
+
+}  // namespace
