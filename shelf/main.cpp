@@ -1,63 +1,14 @@
-// shelf: the host application. For now it runs the main loop with the download
-// module's manager and prints the restored queue; the web UI comes later.
+// shelf: a personal file shelf. `serve` runs the host with its web UI (the
+// default), `add` hands addresses to the running host, `get` downloads
+// headless and exits.
 #include <clocale>
-#include <cstdio>
-#include <iostream>
-#include <optional>
-#include <string>
 
 #include <CLI/CLI.hpp>
-#include <boost/asio/signal_set.hpp>
 
-#include "module/core/DFDownloadManager.h"
 #include "module/platform/MediaLibraryProbe.h"
+#include "shelf/AddCommand.h"
 #include "shelf/GetCommand.h"
-#include "shelfkit/HostServices.h"
-
-namespace {
-
-struct ServeOptions {
-  std::optional<std::string> root;
-  std::optional<std::string> documents;
-};
-
-int serve(const ServeOptions& options) {
-  shelfkit::RootLayout layout = shelfkit::RootLayout::resolve(options.root, options.documents);
-  std::string error;
-  if (!layout.create(&error)) {
-    std::cerr << "shelf: " << error << "\n";
-    return 1;
-  }
-  shelfkit::RootLock lock(layout);
-  if (!lock.held()) {
-    std::cerr << "shelf: another shelf is already running with the root " << layout.root << "\n";
-    return 1;
-  }
-
-  auto loop = std::make_shared<shelfkit::MainLoop>();
-  shelfkit::installHostServices(layout, loop);
-
-  boost::asio::signal_set signals(loop->context(), SIGINT, SIGTERM);
-  signals.async_wait([&](const boost::system::error_code&, int) { loop->stop(); });
-
-  platform::dispatchAsyncMain([&layout] {
-    auto manager = DFDownloadManager::sharedInstance();
-    auto queue = manager->downloadOperations();
-    std::cout << "shelf: root " << layout.root << ", documents " << layout.documents << "\n";
-    std::cout << "shelf: " << queue.size() << " download(s) in the queue\n";
-    for (const auto& record : queue) {
-      std::cout << "  " << record->priority() << "  " << (record->active() ? "active  " : "inactive") << "  "
-                << record->position() << "/" << record->size() << "  "
-                << record->outputFilename().value_or(record->url().absoluteString()) << "\n";
-    }
-    std::cout << std::flush;
-  });
-  loop->run();
-  shelfkit::uninstallHostServices();
-  return 0;
-}
-
-}  // namespace
+#include "shelf/ServeCommand.h"
 
 int main(int argc, char** argv) {
   std::setlocale(LC_ALL, "");
@@ -65,11 +16,21 @@ int main(int argc, char** argv) {
   app.require_subcommand(0, 1);
 
   ServeOptions serveOptions;
-  CLI::App* serveCommand = app.add_subcommand("serve", "Run the host (the default)");
+  CLI::App* serveCommand = app.add_subcommand("serve", "Run the host with its web UI (the default)");
   for (CLI::App* command : {&app, serveCommand}) {
     command->add_option("--root", serveOptions.root, "Folder holding Library/ and Documents/");
     command->add_option("--documents", serveOptions.documents, "Documents folder (default: ROOT/Documents)");
+    command->add_option("--port", serveOptions.port, "Port to listen on (default: 8787, or any free one)");
+    command->add_option("--listen", serveOptions.listen,
+                        "Address to listen on (default: 127.0.0.1; others require the access token)");
+    command->add_option("--lang", serveOptions.language, "Language of the texts, e.g. de (default: the locale)");
   }
+
+  AddOptions addOptions;
+  CLI::App* addCommand = app.add_subcommand("add", "Hand addresses to the running host");
+  addCommand->add_option("urls", addOptions.urls, "Web addresses")->required();
+  addCommand->add_option("--root", addOptions.root, "The root of the running host");
+  addCommand->add_option("--type", addOptions.permittedMIMETypes, "Accept only these MIME types (repeatable)");
 
   GetOptions getOptions;
   CLI::App* getCommand = app.add_subcommand("get", "Download the addresses into a folder, then exit");
@@ -86,5 +47,6 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
   if (noMedia) platform::MediaLibraryProbe::setEnabled(false);
   if (getCommand->parsed()) return runGet(getOptions);
-  return serve(serveOptions);
+  if (addCommand->parsed()) return runAdd(addOptions);
+  return runServe(serveOptions);
 }

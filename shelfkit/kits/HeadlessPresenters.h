@@ -19,6 +19,8 @@ class HeadlessTipsPresenter : public platform::TipsPresenter {
  public:
   static constexpr const char* kOfferedTipsKey = "ShelfOfferedTipsPreference";
   void presentTip(const std::string& tip, std::function<void()> completionBlock) override;
+  // Remembers `tip` in the defaults; true iff it was never offered before.
+  static bool markTipOffered(const std::string& tip);
 };
 
 // This host shows no advertisements: it counts the requests and logs them.

@@ -72,19 +72,22 @@ void HeadlessProgressOverlay::presentAlert(const std::optional<std::string>& tex
   if (completionBlock) platform::dispatchAsyncMain(std::move(completionBlock));
 }
 
-void HeadlessTipsPresenter::presentTip(const std::string& tip, std::function<void()> completionBlock) {
+bool HeadlessTipsPresenter::markTipOffered(const std::string& tip) {
   auto defaults = platform::UserDefaults::standardUserDefaults();
   nlohmann::json offered = defaults ? defaults->objectForKey(kOfferedTipsKey).value_or(nlohmann::json::array())
                                     : nlohmann::json::array();
   if (!offered.is_array()) offered = nlohmann::json::array();
-  if (std::find(offered.begin(), offered.end(), tip) == offered.end()) {
-    platform::log(tip);
-    offered.push_back(tip);
-    if (defaults) {
-      defaults->setObject(offered, kOfferedTipsKey);
-      defaults->synchronize();
-    }
+  if (std::find(offered.begin(), offered.end(), tip) != offered.end()) return false;
+  offered.push_back(tip);
+  if (defaults) {
+    defaults->setObject(offered, kOfferedTipsKey);
+    defaults->synchronize();
   }
+  return true;
+}
+
+void HeadlessTipsPresenter::presentTip(const std::string& tip, std::function<void()> completionBlock) {
+  if (markTipOffered(tip)) platform::log(tip);
   if (completionBlock) platform::dispatchAsyncMain(std::move(completionBlock));
 }
 

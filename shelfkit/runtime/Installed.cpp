@@ -1,6 +1,7 @@
 // The instances the host installs behind the platform interfaces.
 #include <mutex>
 
+#include "module/platform/DownloadService.h"
 #include "module/platform/FileManager.h"
 #include "module/platform/NetworkMonitor.h"
 #include "module/platform/RecordDatabase.h"
@@ -14,6 +15,7 @@ std::shared_ptr<UserDefaults> gDefaults;
 std::shared_ptr<FileManager> gFileManager;
 std::shared_ptr<NetworkMonitor> gNetworkMonitor;
 RecordDatabase::Factory gDatabaseFactory;
+std::shared_ptr<DownloadService> gDownloadService;
 
 }  // namespace
 
@@ -55,6 +57,15 @@ std::shared_ptr<RecordDatabase> RecordDatabase::initWithName(const std::string& 
 void RecordDatabase::setFactory(Factory factory) {
   std::lock_guard lock(gMutex);
   gDatabaseFactory = std::move(factory);
+}
+
+std::shared_ptr<DownloadService> DownloadService::sharedInstance() {
+  std::lock_guard lock(gMutex);
+  return gDownloadService;
+}
+void DownloadService::setSharedInstance(std::shared_ptr<DownloadService> service) {
+  std::lock_guard lock(gMutex);
+  gDownloadService = std::move(service);
 }
 
 }  // namespace platform

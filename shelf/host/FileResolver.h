@@ -1,0 +1,27 @@
+// Which file the web server sends for a path: the front end, a bundle's images
+// or a file of the documents folder. Resolves paths only, so it is safe on the
+// server's thread. Nothing outside those folders is ever sent, whatever the
+// path says ("..", symbolic links, encoded slashes).
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "shelf/server/WebServer.h"
+
+namespace shelf {
+
+class FileResolver {
+ public:
+  FileResolver(std::string webRoot, std::string documentsDirectory);
+  std::optional<ServedFile> resolve(const HttpRequest& request) const;
+
+  // The file `relative` inside `base`, when it is a regular file there.
+  static std::optional<std::string> fileInside(const std::string& base, const std::string& relative);
+  static std::string contentTypeForPath(const std::string& path);
+
+ private:
+  const std::string webRoot_, documents_;
+};
+
+}  // namespace shelf

@@ -1,0 +1,204 @@
+#include "shelf/host/HostScreens.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+
+#include "module/platform/Localization.h"
+#include "module/platform/RecentItems.h"
+#include "module/platform/ui/Appearance.h"
+#include "module/platform/ui/Formatting.h"
+#include "module/platform/ui/Registries.h"
+
+namespace fs = std::filesystem;
+
+namespace shelf {
+namespace {
+
+std::shared_ptr<HostScreenContext>& context() {
+  static auto* shared = new std::shared_ptr<HostScreenContext>();  // main thread only
+  return *shared;
+}
+
+std::string hostText(const char* english) { return platform::localizedString("shelf", english); }
+
+std::string percentEncodeSegment(const std::string& segment) {
+  static const char* kHex = "0123456789ABCDEF";
+  std::string encoded;
+  for (unsigned char c : segment) {
+    if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
+      encoded += static_cast<char>(c);
+    } else {
+      encoded += '%';
+      encoded += kHex[c >> 4];
+      encoded += kHex[c & 15];
+    }
+  }
+  return encoded;
+}
+
+// A row with a name, a detail line and an optional "Save" link.
+class FileCell : public platform::TableViewCell {
+ public:
+  FileCell() : TableViewCell(0, "ShelfFileCell") {
+    setSelectedBackgroundView(std::make_shared<platform::SelectedBackgroundView>());
+    auto column = std::make_shared<platform::View>();
+    name_ = std::make_shared<platform::LargeTitleLabel>();
+    detail_ = std::make_shared<platform::SmallDetailLabel>();
+    column->addFillHeightSubivews({platform::View::spacer(), name_, platform::View::spacer(), detail_, platform::View::spacer()});
+    save_ = std::make_shared<platform::Link>(hostText("Save"), "", true);
+    contentView()->addFillWidthSubviews({platform::View::spacerWithSize(15), column, save_, platform::View::spacerWithSize(15)});
+  }
+
+  void show(const std::string& name, const std::string& detail, const std::string& url) {
+    name_->setText(name);
+    detail_->setText(detail);
+    save_->setHref(url.empty() ? "" : url + "?download=1");
+    save_->setHidden(url.empty());
+  }
+
+ private:
+  std::shared_ptr<platform::LargeTitleLabel> name_;
+  std::shared_ptr<platform::SmallDetailLabel> detail_;
+  std::shared_ptr<platform::Link> save_;
+};
+
+struct FileRow {
+  std::string name, detail, url;
+};
+
+// A plain list of files; tapping a row opens its file.
+class FileListController : public platform::TableScreenController {
+ public:
+  FileListController() : TableScreenController({0}) {}
+
+  void viewDidLoad() override {
+    tableView().registerClass("ShelfFileCell", [](int64_t, const std::string&) { return std::make_shared<FileCell>(); });
+    rows_ = readRows();
+  }
+  int64_t numberOfRowsInSection(int64_t) override { return static_cast<int64_t>(rows_.size()); }
+  double heightForRow(int64_t, int64_t) override { return 56.0; }
+  std::shared_ptr<platform::TableViewCell> createCellForRow(int64_t row, int64_t) override {
+    auto cell = std::static_pointer_cast<FileCell>(dequeueCellWithIdentifier("ShelfFileCell"));
+    const auto& file = rows_.at(static_cast<size_t>(row));
+    cell->show(file.name, file.detail, file.url);
+    return cell;
+  }
+  void cellSelectedAtRow(int64_t row, int64_t section) override {
+    deselectCellAtRow(row, section);
+    const auto& file = rows_.at(static_cast<size_t>(row));
+    if (!file.url.empty() && context() && context()->open) context()->open(file.url, false);
+  }
+
+ protected:
+  virtual std::vector<FileRow> readRows() = 0;
+  std::vector<FileRow> rows_;
+};
+
+std::string detailOf(const fs::path& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return "";
+  char when[32];
+  std::tm local{};
+  localtime_r(&info.st_mtime, &local);
+  std::strftime(when, sizeof when, "%Y-%m-%d %H:%M", &local);
+  return platform::fileSizeString(info.st_size) + " · " + when;
+}
+
+class DocumentsController : public FileListController {
+ public:
+  DocumentsController() { setTitle(hostText("Documents")); }
+
+ protected:
+  std::vector<FileRow> readRows() override {
+    std::vector<std::pair<fs::file_time_type, fs::path>> files;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(context()->documentsDirectory, error)) {
+      if (!entry.is_regular_file(error)) continue;
+      files.emplace_back(entry.last_write_time(error), entry.path());
+    }
+    std::sort(files.begin(), files.end(), [](const auto& a, const auto& b) { return a.first > b.first; });  // newest first
+    std::vector<FileRow> rows;
+    for (const auto& [time, path] : files)
+      rows.push_back({path.filename().string(), detailOf(path), documentURLForPath(context()->documentsDirectory, path.string())});
+    return rows;
+  }
+};
+
+class RecentController : public FileListController {
+ public:
+  RecentController() { setTitle(hostText("Recent")); }
+
+ protected:
+  std::vector<FileRow> readRows() override {
+    std::vector<FileRow> rows;
+    for (const auto& source : platform::RecentItemsRegistry::sharedInstance()->sources())
+      for (const auto& item : source->items())
+        rows.push_back({fs::path(item.path).filename().string(), source->title() + " · " + detailOf(item.path),
+                        documentURLForPath(context()->documentsDirectory, item.path)});
+    return rows;
+  }
+};
+
+// The settings pages of the host's modules; tapping one opens it.
+class SettingsController : public platform::TableScreenController {
+ public:
+  SettingsController() : TableScreenController({0}) { setTitle(hostText("Settings")); }
+
+  void viewDidLoad() override {
+    entries_ = platform::SettingsRegistry::sharedInstance()->settingItems();
+    tableView().registerClass("ShelfSettingCell", [](int64_t, const std::string&) {
+      auto cell = std::make_shared<platform::TableViewCell>(0, "ShelfSettingCell");
+      cell->setSelectedBackgroundView(std::make_shared<platform::SelectedBackgroundView>());
+      cell->contentView()->addFillWidthSubviews({platform::View::spacerWithSize(15), std::make_shared<platform::Label>()});
+      return cell;
+    });
+  }
+  int64_t numberOfRowsInSection(int64_t) override { return static_cast<int64_t>(entries_.size()); }
+  std::shared_ptr<platform::TableViewCell> createCellForRow(int64_t row, int64_t) override {
+    auto cell = dequeueCellWithIdentifier("ShelfSettingCell");
+    auto& label = static_cast<platform::Label&>(*cell->contentView()->subviews().back());
+    label.setText(entries_.at(static_cast<size_t>(row))->title());
+    return cell;
+  }
+  void cellSelectedAtRow(int64_t row, int64_t section) override {
+    deselectCellAtRow(row, section);
+    const auto& controllerClass = entries_.at(static_cast<size_t>(row))->controllerClass();
+    if (controllerClass.create && context() && context()->push) context()->push(controllerClass.create());
+  }
+
+ private:
+  std::vector<std::shared_ptr<platform::SettingEntry>> entries_;
+};
+
+}  // namespace
+
+std::string documentURLForPath(const std::string& documentsDirectory, const std::string& path) {
+  std::error_code error;
+  const fs::path base = fs::weakly_canonical(documentsDirectory, error);
+  const fs::path file = fs::weakly_canonical(path, error);
+  if (error) return "";
+  const fs::path relative = file.lexically_relative(base);
+  if (relative.empty() || *relative.begin() == "..") return "";
+  std::string url = "/documents";
+  for (const auto& part : relative) url += "/" + percentEncodeSegment(part.string());
+  return url;
+}
+
+void registerHostScreens(HostScreenContext screenContext) {
+  context() = std::make_shared<HostScreenContext>(std::move(screenContext));
+  auto registry = platform::SideMenuRegistry::sharedInstance();
+  registry->addMenuItem(std::make_shared<platform::SideMenuEntry>(
+      hostText("Documents"), "Documents", kHostBundleIdentifier,
+      platform::ControllerClass::of<DocumentsController>("DocumentsController"), 0, 100));
+  registry->addMenuItem(std::make_shared<platform::SideMenuEntry>(
+      hostText("Recent"), "Recent", kHostBundleIdentifier, platform::ControllerClass::of<RecentController>("RecentController"),
+      0, 90));
+  registry->addMenuItem(std::make_shared<platform::SideMenuEntry>(
+      hostText("Settings"), "Settings", kHostBundleIdentifier,
+      platform::ControllerClass::of<SettingsController>("SettingsController"), 0, -100));
+}
+
+}  // namespace shelf

@@ -1,0 +1,246 @@
+#include "shelf/host/WebBridge.h"
+
+#include "module/platform/Localization.h"
+#include "module/platform/Log.h"
+#include "module/platform/MainQueue.h"
+#include "module/platform/ui/Bundle.h"
+#include "module/platform/ui/Registries.h"
+#include "shelfkit/kits/HeadlessPresenters.h"
+
+namespace shelf {
+namespace {
+
+std::string hostText(const char* english) { return platform::localizedString("shelf", english); }
+
+nlohmann::json textOrNull(const std::optional<std::string>& text) {
+  return text ? nlohmann::json(*text) : nlohmann::json(nullptr);
+}
+
+// The presenters the module calls, forwarding to the bridge while it lives.
+class WebPresenters : public platform::ProgressOverlay, public platform::TipsPresenter, public platform::AlertDialog {
+ public:
+  explicit WebPresenters(std::weak_ptr<WebBridge> bridge) : bridge_(std::move(bridge)) {}
+
+  void presentMessage(const std::string& message, std::function<void()> cancelBlock) override {
+    if (auto bridge = bridge_.lock()) bridge->presentMessage(message, std::move(cancelBlock));
+  }
+  void presentAlert(const std::optional<std::string>& text, std::function<void()> completionBlock) override {
+    if (auto bridge = bridge_.lock()) return bridge->presentAlert(text, std::move(completionBlock));
+    shelfkit::HeadlessProgressOverlay().presentAlert(text, std::move(completionBlock));
+  }
+  void presentTip(const std::string& tip, std::function<void()> completionBlock) override {
+    if (auto bridge = bridge_.lock()) return bridge->presentTip(tip, std::move(completionBlock));
+    shelfkit::HeadlessTipsPresenter().presentTip(tip, std::move(completionBlock));
+  }
+  void present(const Request& request, std::function<void(bool, const std::string&)> answered) override {
+    if (auto bridge = bridge_.lock()) return bridge->presentDialog(request, std::move(answered));
+    answered(false, {});
+  }
+
+ private:
+  std::weak_ptr<WebBridge> bridge_;
+};
+
+}  // namespace
+
+std::shared_ptr<WebBridge> WebBridge::create() { return std::shared_ptr<WebBridge>(new WebBridge()); }
+
+void WebBridge::installPresenters() {
+  auto presenters = std::make_shared<WebPresenters>(weak_from_this());
+  platform::ProgressOverlay::setPresenter(presenters);
+  platform::TipsPresenter::setPresenter(presenters);
+  platform::AlertDialog::setPresenter(presenters);
+}
+
+// --- Connections -------------------------------------------------------------
+
+void WebBridge::opened(std::shared_ptr<WebSocketConnection> connection) {
+  std::weak_ptr<WebBridge> weak = weak_from_this();
+  platform::dispatchAsyncMain([weak, connection] {
+    auto self = weak.lock();
+    if (!self) return;
+    std::weak_ptr<WebSocketConnection> weakConnection = connection;
+    Tab tab{connection, std::make_shared<shelfkit::ScreenSession>([weakConnection](std::string text) {
+              if (auto c = weakConnection.lock()) c->send(std::move(text));
+            })};
+    auto& added = self->tabs_[connection->id()] = std::move(tab);
+    self->activeTab_ = connection->id();
+    self->sendHello(added);
+  });
+}
+
+void WebBridge::message(uint64_t id, std::string text) {
+  std::weak_ptr<WebBridge> weak = weak_from_this();
+  platform::dispatchAsyncMain([weak, id, text = std::move(text)] {
+    auto self = weak.lock();
+    if (!self) return;
+    auto found = self->tabs_.find(id);
+    if (found == self->tabs_.end()) return;
+    auto message = nlohmann::json::parse(text, nullptr, false);
+    if (!message.is_object()) return;
+    self->activeTab_ = self->handlingTab_ = id;
+    self->handle(id, found->second, message);
+    self->handlingTab_ = 0;
+  });
+}
+
+void WebBridge::closed(uint64_t id) {
+  std::weak_ptr<WebBridge> weak = weak_from_this();
+  platform::dispatchAsyncMain([weak, id] {
+    auto self = weak.lock();
+    if (!self || !self->tabs_.erase(id)) return;
+    // The tab's dialogs are declined; with no tab left, what waits is dismissed.
+    std::vector<uint64_t> orphaned;
+    for (const auto& [dialogId, dialog] : self->dialogs_)
+      if (dialog.tab == id) orphaned.push_back(dialogId);
+    for (uint64_t dialogId : orphaned) {
+      auto answered = std::move(self->dialogs_[dialogId].answered);
+      self->dialogs_.erase(dialogId);
+      answered(false, {});
+    }
+    if (!self->tabs_.empty()) return;
+    while (!self->alerts_.empty()) self->finishAlert(self->alerts_.begin()->first);
+    while (!self->tips_.empty()) self->finishTip(self->tips_.begin()->first);
+  });
+}
+
+std::shared_ptr<shelfkit::ScreenSession> WebBridge::activeSession() const {
+  auto found = tabs_.find(handlingTab_ ? handlingTab_ : activeTab_);
+  if (found == tabs_.end()) return tabs_.empty() ? nullptr : tabs_.rbegin()->second.screens;
+  return found->second.screens;
+}
+
+void WebBridge::broadcast(const nlohmann::json& message) {
+  for (auto& [id, tab] : tabs_) tab.screens->sendMessage(message);
+}
+
+void WebBridge::sendHello(Tab& tab) {
+  nlohmann::json menu = nlohmann::json::array();
+  int64_t index = 0;
+  for (const auto& entry : platform::SideMenuRegistry::sharedInstance()->menuItems()) {
+    auto bundle = platform::Bundle::bundleWithIdentifier(entry->iconBundle());
+    menu.push_back({{"index", index++},
+                    {"title", entry->title()},
+                    {"icon", bundle ? textOrNull(bundle->urlForImage(entry->iconName())) : nlohmann::json(nullptr)},
+                    {"accessibilityLabel", entry->accessibilityLabel()}});
+  }
+  nlohmann::json strings = nlohmann::json::object();
+  for (const char* text : {"OK", "Cancel", "Back", "Menu"}) strings[text] = hostText(text);
+  strings["Reconnecting"] = hostText("Reconnecting…");
+  tab.screens->sendMessage({{"t", "hello"}, {"title", "Shelf"}, {"menu", menu}, {"strings", strings}});
+  // What the other tabs show, this one shows too.
+  if (overlayMessage_)
+    tab.screens->sendMessage({{"t", "overlay"}, {"message", *overlayMessage_}, {"cancel", hostText("Cancel")}});
+  for (const auto& [id, alert] : alerts_) tab.screens->sendMessage({{"t", "alert"}, {"id", id}, {"text", alert.first}});
+  for (const auto& [id, tip] : tips_) tab.screens->sendMessage({{"t", "tip"}, {"id", id}, {"text", tip.first}});
+}
+
+void WebBridge::openMenuEntry(Tab& tab, int64_t index) {
+  auto entries = platform::SideMenuRegistry::sharedInstance()->menuItems();
+  if (index < 0 || index >= static_cast<int64_t>(entries.size())) return;
+  const auto& controllerClass = entries[static_cast<size_t>(index)]->controllerClass();
+  if (controllerClass.create) tab.screens->setRoot(controllerClass.create());
+}
+
+void WebBridge::handle(uint64_t tabId, Tab& tab, const nlohmann::json& message) {
+  const std::string type = message.value("t", "");
+  const auto id = message.contains("id") && message["id"].is_number_unsigned() ? message["id"].get<uint64_t>() : 0;
+  if (type == "menu") {
+    if (message.contains("index") && message["index"].is_number_integer()) openMenuEntry(tab, message["index"].get<int64_t>());
+  } else if (type == "dialog") {
+    auto found = dialogs_.find(id);
+    if (found == dialogs_.end() || found->second.tab != tabId) return;
+    auto answered = std::move(found->second.answered);
+    dialogs_.erase(found);
+    const auto text = message.contains("text") && message["text"].is_string() ? message["text"].get<std::string>() : "";
+    answered(message.value("ok", false), text);
+  } else if (type == "overlayCancel") {
+    if (!overlayMessage_) return;
+    overlayMessage_.reset();
+    broadcast({{"t", "overlay"}, {"message", nullptr}});
+    if (auto cancel = std::move(overlayCancel_)) cancel();
+  } else if (type == "alertDismiss") {
+    finishAlert(id);
+  } else if (type == "tipDismiss") {
+    finishTip(id);
+  } else {
+    tab.screens->handle(message);
+  }
+}
+
+// --- Presenting ------------------------------------------------------------
+
+void WebBridge::presentMessage(const std::string& text, std::function<void()> cancelBlock) {
+  DCHECK_ON_MAIN();
+  if (tabs_.empty()) return platform::log(text);
+  overlayMessage_ = text;
+  overlayCancel_ = std::move(cancelBlock);
+  broadcast({{"t", "overlay"}, {"message", text}, {"cancel", hostText("Cancel")}});
+}
+
+void WebBridge::presentAlert(const std::optional<std::string>& text, std::function<void()> completionBlock) {
+  DCHECK_ON_MAIN();
+  // An alert takes the place of the progress message.
+  if (overlayMessage_) {
+    overlayMessage_.reset();
+    overlayCancel_ = nullptr;
+    broadcast({{"t", "overlay"}, {"message", nullptr}});
+  }
+  if (tabs_.empty() || !text || text->empty())
+    return shelfkit::HeadlessProgressOverlay().presentAlert(text, std::move(completionBlock));
+  const uint64_t id = nextId_++;
+  alerts_[id] = {*text, std::move(completionBlock)};
+  broadcast({{"t", "alert"}, {"id", id}, {"text", *text}});
+}
+
+void WebBridge::finishAlert(uint64_t id) {
+  auto found = alerts_.find(id);
+  if (found == alerts_.end()) return;
+  auto completion = std::move(found->second.second);
+  alerts_.erase(found);
+  broadcast({{"t", "alertClose"}, {"id", id}});
+  if (completion) completion();
+}
+
+void WebBridge::presentTip(const std::string& tip, std::function<void()> completionBlock) {
+  DCHECK_ON_MAIN();
+  if (tabs_.empty()) return shelfkit::HeadlessTipsPresenter().presentTip(tip, std::move(completionBlock));
+  if (!shelfkit::HeadlessTipsPresenter::markTipOffered(tip)) {
+    if (completionBlock) platform::dispatchAsyncMain(std::move(completionBlock));
+    return;
+  }
+  const uint64_t id = nextId_++;
+  tips_[id] = {tip, std::move(completionBlock)};
+  broadcast({{"t", "tip"}, {"id", id}, {"text", tip}});
+}
+
+void WebBridge::finishTip(uint64_t id) {
+  auto found = tips_.find(id);
+  if (found == tips_.end()) return;
+  auto completion = std::move(found->second.second);
+  tips_.erase(found);
+  broadcast({{"t", "tipClose"}, {"id", id}});
+  if (completion) completion();
+}
+
+void WebBridge::presentDialog(const platform::AlertDialog::Request& request,
+                              std::function<void(bool, const std::string&)> answered) {
+  DCHECK_ON_MAIN();
+  const uint64_t tabId = handlingTab_ ? handlingTab_ : activeTab_;
+  auto tab = tabs_.find(tabId);
+  if (tab == tabs_.end()) return answered(false, {});
+  const uint64_t id = nextId_++;
+  dialogs_[id] = {tabId, std::move(answered)};
+  const bool input = request.kind == platform::AlertDialog::Request::Kind::Input;
+  tab->second.screens->sendMessage({{"t", "dialog"},
+                                    {"id", id},
+                                    {"kind", input ? "input" : "confirm"},
+                                    {"title", textOrNull(request.title)},
+                                    {"text", textOrNull(request.text)},
+                                    {"placeholder", textOrNull(request.placeholder)},
+                                    {"ok", request.okButtonTitle},
+                                    {"cancel", hostText("Cancel")},
+                                    {"secure", request.secure}});
+}
+
+}  // namespace shelf

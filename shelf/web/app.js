@@ -1,0 +1,100 @@
+// shelf's browser front end: renders what the host streams over /ws (see PROTOCOL.md).
+//
+// DOM hooks kept stable for tests:
+//   #menu .menu-item[data-index]        side-menu entries (.active = open one)
+//   #title, #back                       top bar
+//   #table .row[data-section][data-row] rendered rows; .row.selected when selected
+//   #toolbar button.tool[aria-label]    toolbar buttons
+//   #dialog .dialog-input .dialog-ok .dialog-cancel
+//   #overlay .overlay-message .overlay-cancel
+//   #alert .alert-text .alert-ok
+//   #tip .tip-text .tip-dismiss
+//   #banner                             shown while reconnecting
+//   .v[data-vid]                        every view; labels carry data-style
+// window.__shelf: cellsMaterialized (distinct cell ids received), rowsInDom(),
+// firstScreenAt (performance.now() at the first painted screen with rows).
+import { Socket } from './socket.js';
+import { Views } from './views.js';
+import { Table } from './table.js';
+import { Bars } from './bars.js';
+import { Dialogs } from './dialogs.js';
+
+const MENU_KEY = 'shelf.menu';
+const strings = { OK: 'OK', Cancel: 'Cancel', Back: 'Back', Menu: 'Menu', Reconnecting: 'Reconnecting\u2026' };
+
+let screenId = null;
+
+const url = `${location.protocol === 'https:' ? 'wss' : 'ws'}://${location.host}/ws`;
+const socket = new Socket(url, receive, connected);
+const send = (msg) => socket.send(msg);
+
+const views = new Views(send);
+const table = new Table(document.getElementById('table'), views, send);
+const bars = new Bars(send, openMenu);
+const dialogs = new Dialogs(send, strings);
+
+window.__shelf = {
+  get cellsMaterialized() { return table.seen.size; },
+  rowsInDom: () => table.rowsInDom(),
+  firstScreenAt: null,
+};
+
+function connected(up) {
+  const banner = document.getElementById('banner');
+  banner.textContent = strings.Reconnecting;
+  banner.hidden = up;
+}
+
+function openMenu(index) {
+  sessionStorage.setItem(MENU_KEY, String(index));
+  bars.setActive(index);
+  send({ t: 'menu', index });
+}
+
+function hello(m) {
+  Object.assign(strings, m.strings);
+  bars.setStrings(strings);
+  document.title = m.title ?? 'Shelf';
+  dialogs.reset();
+  const menu = m.menu ?? [];
+  bars.setMenu(menu, m.title ?? '');
+  const remembered = sessionStorage.getItem(MENU_KEY);
+  const entry = menu.find((e) => String(e.index) === remembered) ?? menu[0];
+  if (entry) openMenu(entry.index);
+}
+
+function showScreen(s) {
+  const same = s.id === screenId;
+  screenId = s.id;
+  views.clear();
+  bars.setTitle(s.title);
+  bars.setBack(!!s.back);
+  bars.setToolbar(s.toolbar ?? null);
+  table.setScreen(s, same);
+  if (window.__shelf.firstScreenAt === null && table.rowsInDom() > 0) {
+    requestAnimationFrame(() => { window.__shelf.firstScreenAt ??= performance.now(); });
+  }
+}
+
+function patch(m) {
+  if (m.screen !== screenId) return;
+  for (const op of m.ops ?? []) {
+    switch (op.op) {
+      case 'props': if (!views.patch(op.id, op.props ?? {})) bars.patchTool(op.id, op.props ?? {}); break;
+      case 'title': bars.setTitle(op.title); break;
+      case 'toolbar': bars.setToolbar(op.items ?? null); break;
+      default: table.apply(op);
+    }
+  }
+  table.refresh();
+}
+
+function receive(m) {
+  switch (m.t) {
+    case 'hello': hello(m); break;
+    case 'menu': bars.setMenu(m.menu ?? []); break;
+    case 'screen': showScreen(m.screen); break;
+    case 'patch': patch(m); break;
+    default: dialogs.handle(m);
+  }
+}

@@ -1,0 +1,150 @@
+// Dialogs, alerts, tips, the progress overlay and opening files.
+import { sameOrigin } from './views.js';
+
+const $ = (id) => document.getElementById(id);
+
+// One message shown at a time; later ones wait their turn.
+class Queue {
+  constructor(show, hide) {
+    this.show = show;
+    this.hide = hide;
+    this.current = null;
+    this.waiting = [];
+  }
+
+  push(msg) {
+    if (this.current) { this.waiting.push(msg); return; }
+    this.current = msg;
+    this.show(msg);
+  }
+
+  done() {
+    this.current = null;
+    this.hide();
+    const next = this.waiting.shift();
+    if (next) this.push(next);
+  }
+
+  close(id) {
+    if (this.current?.id === id) this.done();
+    else this.waiting = this.waiting.filter((m) => m.id !== id);
+  }
+
+  reset() {
+    this.waiting = [];
+    if (this.current) this.done();
+  }
+}
+
+function closeModal(dialog) {
+  if (dialog.open) dialog.close();
+}
+
+export class Dialogs {
+  constructor(send, strings) {
+    this.send = send;
+    this.strings = strings;  // read at show time: hello may replace its contents
+
+    const dialog = $('dialog'), input = dialog.querySelector('.dialog-input');
+    this.dialogs = new Queue((m) => this.showDialog(m), () => closeModal(dialog));
+    const answer = (ok) => {
+      const m = this.dialogs.current;
+      if (!m) return;
+      this.send({ t: 'dialog', id: m.id, ok, text: m.kind === 'input' ? input.value : '' });
+      this.dialogs.done();
+    };
+    dialog.querySelector('form').addEventListener('submit', (e) => { e.preventDefault(); answer(true); });
+    dialog.querySelector('.dialog-cancel').addEventListener('click', () => answer(false));
+    dialog.addEventListener('cancel', (e) => { e.preventDefault(); answer(false); });
+
+    const alert = $('alert');
+    this.alerts = new Queue((m) => {
+      alert.querySelector('.alert-text').textContent = m.text ?? '';
+      alert.querySelector('.alert-ok').textContent = this.strings.OK;
+      alert.showModal();
+    }, () => closeModal(alert));
+    const dismissAlert = () => {
+      const m = this.alerts.current;
+      if (!m) return;
+      this.send({ t: 'alertDismiss', id: m.id });
+      this.alerts.done();
+    };
+    alert.querySelector('.alert-ok').addEventListener('click', dismissAlert);
+    alert.addEventListener('cancel', (e) => { e.preventDefault(); dismissAlert(); });
+
+    const tip = $('tip');
+    this.tips = new Queue((m) => {
+      tip.querySelector('.tip-text').textContent = m.text ?? '';
+      tip.querySelector('.tip-dismiss').setAttribute('aria-label', this.strings.OK);
+      tip.hidden = false;
+    }, () => { tip.hidden = true; });
+    tip.querySelector('.tip-dismiss').addEventListener('click', () => {
+      const m = this.tips.current;
+      if (!m) return;
+      this.send({ t: 'tipDismiss', id: m.id });
+      this.tips.done();
+    });
+
+    $('overlay').querySelector('.overlay-cancel')
+      .addEventListener('click', () => this.send({ t: 'overlayCancel' }));
+  }
+
+  showDialog(m) {
+    const dialog = $('dialog'), input = dialog.querySelector('.dialog-input');
+    const title = dialog.querySelector('.dialog-title'), text = dialog.querySelector('.dialog-text');
+    title.textContent = m.title ?? '';
+    title.hidden = !m.title;
+    text.textContent = m.text ?? '';
+    text.hidden = !m.text;
+    input.hidden = m.kind !== 'input';
+    input.type = m.secure ? 'password' : 'text';
+    input.placeholder = m.placeholder ?? '';
+    input.value = '';
+    dialog.querySelector('.dialog-ok').textContent = m.ok ?? this.strings.OK;
+    dialog.querySelector('.dialog-cancel').textContent = m.cancel ?? this.strings.Cancel;
+    dialog.showModal();
+    (m.kind === 'input' ? input : dialog.querySelector('.dialog-ok')).focus();
+  }
+
+  handle(m) {
+    switch (m.t) {
+      case 'dialog': this.dialogs.push(m); break;
+      case 'dialogClose': this.dialogs.close(m.id); break;
+      case 'alert': this.alerts.push(m); break;
+      case 'alertClose': this.alerts.close(m.id); break;
+      case 'tip': this.tips.push(m); break;
+      case 'tipClose': this.tips.close(m.id); break;
+      case 'overlay': this.overlay(m); break;
+      case 'open': this.open(m); break;
+      default: return false;
+    }
+    return true;
+  }
+
+  overlay(m) {
+    const overlay = $('overlay');
+    overlay.hidden = m.message == null;
+    overlay.querySelector('.overlay-message').textContent = m.message ?? '';
+    overlay.querySelector('.overlay-cancel').textContent = m.cancel ?? this.strings.Cancel;
+  }
+
+  open(m) {
+    const url = sameOrigin(m.url);
+    if (!url) return;
+    if (!m.download) { window.open(url, '_blank', 'noopener'); return; }
+    const a = document.createElement('a');
+    a.href = url;
+    a.download = '';
+    document.body.append(a);
+    a.click();
+    a.remove();
+  }
+
+  // A new connection starts from a clean slate; the server sends what is still open.
+  reset() {
+    this.dialogs.reset();
+    this.alerts.reset();
+    this.tips.reset();
+    this.overlay({ message: null });
+  }
+}

@@ -1,0 +1,191 @@
+// View nodes → DOM elements, addressable by view id so props patches find them.
+
+const PALETTE = {
+  blue: '#007aff', red: '#ff3b30', green: '#34c759', orange: '#ff9500', yellow: '#ffcc00',
+  gray: '#8e8e93', grey: '#8e8e93', purple: '#af52de', black: '#1c1c1e', white: '#ffffff',
+};
+export const tint = (color) => PALETTE[color] ?? color ?? '';
+
+// Only same-origin addresses are followed or fetched; anything else yields null.
+export function sameOrigin(address) {
+  try {
+    const url = new URL(String(address), location.href);
+    return url.origin === location.origin ? url.href : null;
+  } catch {
+    return null;
+  }
+}
+
+// Tints a monochrome image through a CSS mask.
+export function setMask(el, image, color) {
+  const url = image ? sameOrigin(image) : null;
+  const value = url ? `url(${JSON.stringify(url)})` : 'none';
+  el.style.maskImage = value;
+  el.style.webkitMaskImage = value;
+  el.style.backgroundColor = tint(color) || 'currentColor';
+}
+
+const LEAVES = new Set(['label', 'link', 'progress', 'switch', 'stepper']);
+const EDGES = ['left', 'right', 'top', 'bottom', 'width', 'height'];
+const num = (v, fallback) => (typeof v === 'number' && Number.isFinite(v) ? v : fallback);
+
+export class Views {
+  constructor(send) {
+    this.send = send;
+    this.entries = new Map();   // view id → {el, kind, props, parts}
+    this.sized = new Set();     // ids of views with sameHeightAs
+    this.frame = 0;
+  }
+
+  clear() {
+    this.entries.clear();
+    this.sized.clear();
+  }
+
+  build(node) {
+    const kind = node.kind;
+    const el = document.createElement(kind === 'link' ? 'a' : kind === 'switch' ? 'button' : 'div');
+    el.classList.add('v', `v-${kind}`);
+    if (kind === 'cell') el.classList.add('cell');
+    el.dataset.vid = node.id;
+    const entry = { el, kind, props: { ...node.props }, parts: {} };
+    this.makeParts(entry, node.id);
+    if (!entry.leaf) {
+      for (const child of node.children ?? []) el.append(this.build(child));
+    }
+    this.entries.set(node.id, entry);
+    this.apply(node.id, entry);
+    return el;
+  }
+
+  // Forgets the views of a detached subtree (unless a newer build took their ids).
+  release(root) {
+    const nodes = [root, ...root.querySelectorAll('[data-vid]')];
+    for (const n of nodes) {
+      const id = Number(n.dataset.vid);
+      if (this.entries.get(id)?.el === n) {
+        this.entries.delete(id);
+        this.sized.delete(id);
+      }
+    }
+  }
+
+  // Returns false when no view has this id.
+  patch(id, props) {
+    const entry = this.entries.get(id);
+    if (!entry) return false;
+    Object.assign(entry.props, props);
+    this.apply(id, entry);
+    return true;
+  }
+
+  makeParts(entry, id) {
+    const { el, kind, parts } = entry;
+    entry.leaf = LEAVES.has(kind);
+    if (kind === 'progress') {
+      el.setAttribute('role', 'progressbar');
+      el.setAttribute('aria-valuemin', '0');
+      el.setAttribute('aria-valuemax', '100');
+      parts.fill = el.appendChild(document.createElement('div'));
+      parts.fill.className = 'progress-fill';
+    } else if (kind === 'switch') {
+      el.type = 'button';
+      el.setAttribute('role', 'switch');
+      const track = el.appendChild(document.createElement('span'));
+      track.className = 'switch-track';
+      track.appendChild(document.createElement('span')).className = 'switch-knob';
+      el.addEventListener('click', () => {
+        const on = !entry.props.on;
+        this.patch(id, { on });
+        this.send({ t: 'switch', id, on });
+      });
+    } else if (kind === 'stepper') {
+      el.setAttribute('role', 'group');
+      for (const [name, sign, text] of [['minus', -1, '\u2212'], ['plus', 1, '+']]) {
+        const b = parts[name] = el.appendChild(document.createElement('button'));
+        b.type = 'button';
+        b.className = `stepper-${name}`;
+        b.textContent = text;
+        b.addEventListener('click', () => this.step(id, entry, sign));
+      }
+    }
+  }
+
+  step(id, entry, sign) {
+    const p = entry.props;
+    const min = num(p.min, -Infinity), max = num(p.max, Infinity);
+    const value = Math.min(max, Math.max(min, num(p.value, 0) + sign * num(p.step, 1)));
+    if (value === p.value) return;
+    this.patch(id, { value });
+    this.send({ t: 'stepper', id, value });
+  }
+
+  apply(id, { el, kind, props: p, parts }) {
+    const s = el.style;
+    el.hidden = !!p.hidden;
+    el.classList.toggle('lay-row', p.layout === 'row');
+    s.flex = typeof p.size === 'number' ? `0 0 ${p.size}px` : p.flex ? '1 1 0' : '';
+    el.classList.toggle('abs', !!p.abs);
+    for (const edge of EDGES) {
+      const v = p.abs?.[edge];
+      s[edge] = typeof v === 'number' ? `${v}px` : '';
+    }
+    if (p.sameHeightAs != null) this.sized.add(id);
+    else this.sized.delete(id);
+
+    switch (kind) {
+      case 'label':
+        el.textContent = p.text ?? '';
+        el.title = p.text ?? '';
+        el.dataset.style = p.style ?? 'body';
+        s.textAlign = p.align ?? '';
+        break;
+      case 'progress': {
+        const f = Math.min(1, Math.max(0, num(p.progress, 0)));
+        parts.fill.style.width = `${f * 100}%`;
+        parts.fill.style.backgroundColor = tint(p.color);
+        el.setAttribute('aria-valuenow', String(Math.round(f * 100)));
+        break;
+      }
+      case 'switch':
+        el.setAttribute('aria-checked', String(!!p.on));
+        el.disabled = p.enabled === false;
+        break;
+      case 'stepper': {
+        const v = num(p.value, 0);
+        parts.minus.disabled = v <= num(p.min, -Infinity);
+        parts.plus.disabled = v >= num(p.max, Infinity);
+        break;
+      }
+      case 'link': {
+        el.textContent = p.text ?? '';
+        const href = p.href ? sameOrigin(p.href) : null;
+        if (href) el.href = href;
+        else el.removeAttribute('href');
+        el.toggleAttribute('download', !!p.download);
+        break;
+      }
+      case 'cell':
+        el.classList.toggle('sel-bg', !!p.selectedBackground);
+        break;
+    }
+    this.scheduleFlush();
+  }
+
+  // sameHeightAs: copy rendered heights once layout has settled.
+  scheduleFlush() {
+    if (this.frame || this.sized.size === 0) return;
+    this.frame = requestAnimationFrame(() => {
+      this.frame = 0;
+      const writes = [];
+      for (const id of this.sized) {
+        const e = this.entries.get(id);
+        const target = e && this.entries.get(e.props.sameHeightAs);
+        if (e?.el.isConnected && target?.el.isConnected) {
+          writes.push([e.el, target.el.getBoundingClientRect().height]);
+        }
+      }
+      for (const [el, h] of writes) el.style.height = `${h}px`;
+    });
+  }
+}

@@ -1,0 +1,217 @@
+// The browser renderer against a scripted host: Playwright plays the /ws server.
+import { test, before, after } from 'node:test';
+import assert from 'node:assert/strict';
+import http from 'node:http';
+import { readFile } from 'node:fs/promises';
+import path from 'node:path';
+import { fileURLToPath } from 'node:url';
+import { chromium } from 'playwright-core';
+
+const WEB = fileURLToPath(new URL('../../shelf/web/', import.meta.url));
+const TYPES = { '.html': 'text/html', '.js': 'text/javascript', '.css': 'text/css' };
+const CSP = "default-src 'self'; connect-src 'self'; img-src 'self' data:; style-src 'self'";
+const HELLO = { t: 'hello', title: 'Shelf', strings: { OK: 'OK', Cancel: 'Cancel', Back: 'Back', Menu: 'Menu' },
+  menu: [{ index: 0, title: 'Documents', icon: '/d.svg', accessibilityLabel: 'Documents' },
+    { index: 1, title: 'Recent', icon: '/r.svg', accessibilityLabel: 'Recent' }] };
+
+const ICON = '<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 10 10"><rect width="10" height="10"/></svg>';
+
+let server, browser, base;
+
+before(async () => {
+  server = http.createServer(async (req, res) => {
+    if (req.url.endsWith('.svg')) return res.writeHead(200, { 'content-type': 'image/svg+xml' }).end(ICON);
+    const name = path.normalize(req.url === '/' ? 'index.html' : req.url.split('?')[0]).replace(/^\/+/, '');
+    try {
+      const body = await readFile(path.join(WEB, name));
+      res.writeHead(200, { 'content-type': TYPES[path.extname(name)] ?? 'application/octet-stream', 'content-security-policy': CSP });
+      res.end(body);
+    } catch {
+      res.writeHead(404).end();
+    }
+  });
+  await new Promise((ok) => server.listen(0, '127.0.0.1', ok));
+  base = `http://127.0.0.1:${server.address().port}/`;
+  browser = await chromium.launch({ executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox'] });
+});
+
+after(async () => {
+  await browser?.close();
+  server?.close();
+});
+
+async function until(what, fn, ms = 5000) {
+  for (const end = Date.now() + ms; Date.now() < end; await new Promise((r) => setTimeout(r, 20))) {
+    const v = fn();
+    if (v) return v;
+  }
+  assert.fail(`timed out waiting for ${what}`);
+}
+
+const label = (id, text, style = 'largeTitle') => ({ id, kind: 'label', props: { text, style, flex: 1 } });
+const cell = (row, id = 1000 + row) => ({ row, view: { id, kind: 'cell', props: { selectedBackground: true },
+  children: [{ id: id + 100000, kind: 'view', props: { layout: 'row' }, children: [label(id + 200000, `Row ${row}`)] }] } });
+const screen = (rows, height, extra = {}) => ({ id: 3, title: 'Queue', back: false, toolbar: null, selectable: 'none',
+  sections: [{ section: 0, heights: [[height, rows]], cells: [] }], selection: [], ...extra });
+
+// Opens the page, answers hello's menu request with `scr`; returns helpers to play the host.
+async function open(t, scr) {
+  const page = await browser.newPage({ viewport: { width: 1000, height: 700 } });
+  const sent = [], errors = [];
+  page.on('pageerror', (e) => errors.push(e.message));
+  page.on('console', (m) => m.type() === 'error' && errors.push(m.text()));
+  let ws;
+  await page.routeWebSocket('**/ws', (route) => {
+    ws = route;
+    route.onMessage((text) => {
+      const m = JSON.parse(text);
+      sent.push(m);
+      if (m.t === 'menu') route.send(JSON.stringify({ t: 'screen', screen: scr }));
+    });
+    route.send(JSON.stringify(HELLO));
+  });
+  await page.goto(base);
+  await page.waitForFunction(() => document.getElementById('title').textContent !== '');
+  t.after(async () => {
+    assert.deepEqual(errors, []);
+    await page.close();
+  });
+  const push = (m) => ws.send(JSON.stringify(m));
+  return { page, sent, push, patch: (...ops) => push({ t: 'patch', screen: scr.id, ops }), drop: () => ws.close() };
+}
+
+const rowTexts = (page) => page.$$eval('#table .row', (rows) => rows
+  .map((r) => [Number(r.dataset.row), r.textContent, r.classList.contains('selected')]).sort((a, b) => a[0] - b[0]));
+
+test('10,000 rows keep only the viewport in the DOM and report it while scrolling', async (t) => {
+  const scr = screen(10000, 60);
+  scr.sections[0].cells = Array.from({ length: 16 }, (_, r) => cell(r));
+  const { page, sent, push, patch } = await open(t, scr);
+  assert.deepEqual(sent[0], { t: 'menu', index: 0 });
+  const first = await until('first viewport', () => sent.find((m) => m.t === 'viewport'));
+  const visible = await page.$eval('#table', (el) => el.clientHeight);
+  assert.deepEqual(first, { t: 'viewport', section: 0, first: 0, last: Math.floor(visible / 60) + 3 });  // + overscan
+
+  const rows = await page.locator('#table .row').count();
+  assert.ok(rows > 5 && rows < 40, `${rows} rows in the DOM`);
+  assert.equal(await page.evaluate(() => window.__shelf.cellsMaterialized), 16);
+  assert.equal(typeof await page.evaluate(() => window.__shelf.firstScreenAt), 'number');
+  assert.equal(await page.$eval('#table .row[data-row="3"]', (r) => r.textContent), 'Row 3');
+
+  await page.$eval('#table', (el) => { el.scrollTop = el.scrollHeight; });
+  const end = await until('viewport at the end', () => sent.findLast((m) => m.t === 'viewport' && m.last === 9999));
+  assert.ok(end.first > 9970, `first ${end.first}`);
+  patch({ op: 'cells', section: 0, cells: [cell(9990, 1), cell(9999, 2)] });
+  await page.waitForFunction(() => document.querySelector('.row[data-row="9999"]')?.textContent === 'Row 9999');
+  const bottom = await page.$eval('.row[data-row="9999"]', (r) => r.style.top);
+  assert.equal(bottom, `${9999 * 60}px`);
+  assert.ok(await page.evaluate(() => window.__shelf.rowsInDom()) < 40);
+  assert.equal(await page.locator('.row[data-row="0"]').count(), 0);
+
+  const before = sent.length;  // a fresh snapshot is answered with the viewport even when unchanged
+  push({ t: 'screen', screen: scr });
+  assert.deepEqual(await until('viewport after snapshot', () => sent.slice(before).find((m) => m.t === 'viewport')), end);
+});
+
+test('insertRows and deleteRows shift rows, cells and selection; the server decides selection', async (t) => {
+  const scr = screen(8, 50, { selectable: 'multiple', selection: [[0, 2], [0, 5]] });
+  scr.sections[0].cells = Array.from({ length: 8 }, (_, r) => cell(r));
+  const { page, sent, patch } = await open(t, scr);
+  const selected = async () => (await rowTexts(page)).filter((r) => r[2]).map((r) => r[1]);
+  assert.deepEqual(await selected(), ['Row 2', 'Row 5']);
+
+  patch({ op: 'insertRows', section: 0, rows: [0, 3], heights: [50, 80] });
+  await page.waitForFunction(() => document.querySelectorAll('#table .row').length === 10);
+  let rows = await rowTexts(page);
+  assert.deepEqual(rows.map((r) => r[1]), ['', 'Row 0', 'Row 1', '', 'Row 2', 'Row 3', 'Row 4', 'Row 5', 'Row 6', 'Row 7']);
+  assert.deepEqual(rows.filter((r) => r[2]).map((r) => r[0]), [4, 7]);
+  assert.equal(await page.$eval('.row[data-row="4"]', (r) => r.style.top), `${50 * 3 + 80}px`);
+
+  patch({ op: 'deleteRows', section: 0, rows: [1, 4] });
+  await page.waitForFunction(() => document.querySelectorAll('#table .row').length === 8);
+  rows = await rowTexts(page);
+  assert.deepEqual(rows.map((r) => r[1]), ['', 'Row 1', '', 'Row 3', 'Row 4', 'Row 5', 'Row 6', 'Row 7']);
+  assert.deepEqual(await selected(), ['Row 5']);
+  await page.waitForFunction(() => !document.querySelector('.row-leaving'));
+
+  await page.click('.row[data-row="1"]');
+  assert.deepEqual(sent.findLast((m) => m.t === 'select'), { t: 'select', section: 0, row: 1, selected: true });
+  assert.deepEqual(await selected(), ['Row 1', 'Row 5']);  // shown at once
+  patch({ op: 'selection', rows: [[0, 5]] });               // and corrected by the host
+  await page.waitForFunction(() => document.querySelectorAll('.row.selected').length === 1);
+  assert.deepEqual(await selected(), ['Row 5']);
+});
+
+test('server texts are shown as text, never as markup', async (t) => {
+  const scr = screen(1, 60, { title: '<i>t</i>' });
+  scr.sections[0].cells = [{ row: 0, view: { id: 1, kind: 'cell', children: [label(2, '<b>x</b>', 'smallDetail')] } }];
+  const { page, push } = await open(t, scr);
+  push({ t: 'alert', id: 4, text: '<img src=x onerror=alert(1)>' });
+  await page.waitForSelector('#alert[open]');
+  assert.equal(await page.$eval('[data-vid="2"]', (l) => [l.textContent, l.dataset.style].join('|')), '<b>x</b>|smallDetail');
+  assert.equal(await page.$eval('#title', (l) => l.textContent), '<i>t</i>');
+  assert.equal(await page.locator('b, i, img').count(), 0);
+});
+
+test('dialogs send their answers; dialogClose closes silently', async (t) => {
+  const { page, sent, push } = await open(t, screen(1, 60));
+  push({ t: 'dialog', id: 7, kind: 'confirm', title: 'Delete?', text: 'a.pdf', ok: 'Delete', cancel: 'Keep' });
+  await page.waitForSelector('#dialog[open]');
+  assert.equal(await page.locator('#dialog .dialog-input').isVisible(), false);
+  assert.equal(await page.textContent('#dialog .dialog-cancel'), 'Keep');
+  await page.click('#dialog .dialog-ok');
+  assert.deepEqual(await until('answer', () => sent.find((m) => m.t === 'dialog')), { t: 'dialog', id: 7, ok: true, text: '' });
+  await page.waitForSelector('#dialog:not([open])', { state: 'attached' });
+
+  push({ t: 'dialog', id: 8, kind: 'input', title: null, text: null, placeholder: 'Password', ok: 'Go', cancel: 'Cancel', secure: true });
+  await page.waitForSelector('#dialog[open]');
+  assert.equal(await page.getAttribute('.dialog-input', 'type'), 'password');
+  await page.fill('.dialog-input', 'abc');
+  await page.press('.dialog-input', 'Enter');
+  assert.deepEqual(await until('input answer', () => sent.find((m) => m.id === 8)), { t: 'dialog', id: 8, ok: true, text: 'abc' });
+
+  push({ t: 'dialog', id: 9, kind: 'confirm', ok: 'OK', cancel: 'Cancel' });
+  await page.waitForSelector('#dialog[open]');
+  push({ t: 'dialogClose', id: 9 });
+  await page.waitForSelector('#dialog:not([open])', { state: 'attached' });
+  assert.equal(sent.filter((m) => m.t === 'dialog').length, 2);
+});
+
+test('toolbar and controls follow props patches and report taps', async (t) => {
+  const button = (id, name, enabled) => ({ id, kind: 'button', props: { image: `/${name}.svg`, color: 'blue', enabled, accessibilityLabel: name } });
+  const scr = screen(1, 60, { toolbar: [button(40, 'Start', false), { id: 41, kind: 'flexibleSpace', props: {} }, button(42, 'Stop', true)] });
+  scr.sections[0].cells = [{ row: 0, view: { id: 1, kind: 'cell', props: { layout: 'row' }, children: [
+    { id: 2, kind: 'switch', props: { on: false } }, { id: 3, kind: 'stepper', props: { value: 4, min: 0, max: 5, step: 1 } }] } }];
+  const { page, sent, patch } = await open(t, scr);
+  const start = page.locator('#toolbar button.tool[aria-label="Start"]');
+  assert.equal(await start.isDisabled(), true);
+  patch({ op: 'props', id: 40, props: { enabled: true } });
+  await page.waitForFunction(() => !document.querySelector('button.tool[aria-label="Start"]').disabled);
+  await start.click();
+  assert.deepEqual(await until('tap', () => sent.find((m) => m.t === 'tap')), { t: 'tap', id: 40 });
+  patch({ op: 'props', id: 40, props: { enabled: false } });
+  await page.waitForFunction(() => document.querySelector('button.tool[aria-label="Start"]').disabled);
+
+  await page.click('[data-vid="2"]');
+  await page.click('[data-vid="3"] .stepper-plus');
+  assert.deepEqual(sent.filter((m) => m.t === 'switch' || m.t === 'stepper'),
+    [{ t: 'switch', id: 2, on: true }, { t: 'stepper', id: 3, value: 5 }]);
+  assert.equal(await page.getAttribute('[data-vid="2"]', 'aria-checked'), 'true');
+  assert.equal(await page.locator('[data-vid="3"] .stepper-plus').isDisabled(), true);  // at max
+  assert.equal(sent.some((m) => m.t === 'select'), false);  // controls are not row taps
+
+  patch({ op: 'toolbar', items: null });
+  await page.waitForSelector('#toolbar', { state: 'hidden' });
+});
+
+test('after a dropped connection it reconnects and reopens the last menu entry', async (t) => {
+  const { page, sent, drop } = await open(t, screen(1, 60));
+  await page.click('#menu .menu-item[aria-label="Recent"]');
+  assert.deepEqual(sent.findLast((m) => m.t === 'menu'), { t: 'menu', index: 1 });
+  const before = sent.length;
+  await drop();
+  await page.waitForSelector('#banner', { state: 'visible' });
+  assert.deepEqual(await until('menu after reconnect', () => sent.slice(before).find((m) => m.t === 'menu')), { t: 'menu', index: 1 });
+  await page.waitForSelector('#banner', { state: 'hidden' });
+  assert.equal(await page.getAttribute('.menu-item.active', 'aria-label'), 'Recent');
+});
