@@ -9,6 +9,7 @@ packages=(
   libcli11-dev gettext libgtest-dev libgmock-dev media-types
   libavformat-dev libavcodec-dev libavutil-dev ffmpeg
   clang libclang-rt-14-dev
+  nodejs npm chromium fonts-dejavu-core
 )
 
 missing=()
@@ -23,4 +24,11 @@ if ((${#missing[@]})); then
   [[ $(id -u) -eq 0 ]] || sudo="sudo"
   $sudo apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# The browser tests' npm packages (playwright-core drives Debian's Chromium).
+here=$(cd "$(dirname "$0")/.." && pwd)
+if [[ ! -d "$here/tests/browser/node_modules/playwright-core" ]]; then
+  echo "setup: installing the browser tests' npm packages"
+  (cd "$here/tests/browser" && npm ci --no-audit --no-fund --loglevel=error)
 fi

@@ -1,0 +1,309 @@
+// The host's own parts: what the web server may send, and the JSON API.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "module/platform/DownloadService.h"
+#include "shelf/host/AccessToken.h"
+#include "shelf/host/Api.h"
+#include "shelf/host/FileResolver.h"
+#include "shelf/host/HostScreens.h"
+#include "shelf/host/WebBridge.h"
+#include "tests/support/TestHost.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void write(const fs::path& path, const std::string& text) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path) << text;
+}
+
+TEST(FileResolver, SendsOnlyFilesInsideTheirFolders) {
+  const fs::path root = makeTemporaryDirectory();
+  write(root / "web/index.html", "<!doctype html>");
+  write(root / "web/app.js", "");
+  write(root / "web/PROTOCOL.md", "");
+  write(root / "docs/report.pdf", "%PDF");
+  write(root / "docs/sub/a b.txt", "x");
+  write(root / "Library/AccessToken", "secret");
+  fs::create_symlink(root / "Library/AccessToken", root / "docs/link-out");
+  fs::create_directory_symlink(root / "Library", root / "docs/dir-out");
+  shelf::FileResolver resolver((root / "web").string(), (root / "docs").string());
+
+  struct Case {
+    const char* path;
+    const char* file;  // null: refused
+  } cases[] = {
+      {"/", "web/index.html"},
+      {"/app.js", "web/app.js"},
+      {"/PROTOCOL.md", nullptr},
+      {"/documents/report.pdf", "docs/report.pdf"},
+      {"/documents/sub/a b.txt", "docs/sub/a b.txt"},
+      {"/documents/../Library/AccessToken", nullptr},
+      {"/documents/sub/../../Library/AccessToken", nullptr},
+      {"/documents//etc/passwd", nullptr},
+      {"/documents/link-out", nullptr},
+      {"/documents/dir-out/AccessToken", nullptr},
+      {"/documents/sub", nullptr},
+      {"/../Library/AccessToken", nullptr},
+      {"/bundles/org.nowhere/images/x.svg", nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    shelf::HttpRequest request{"GET", c.path, {}, {}, {}};
+    auto served = resolver.resolve(request);
+    if (!c.file) {
+      EXPECT_FALSE(served) << served->path;
+      continue;
+    }
+    ASSERT_TRUE(served);
+    EXPECT_EQ(fs::canonical(served->path), fs::canonical(root / c.file));
+  }
+  shelf::HttpRequest save{"GET", "/documents/report.pdf", {{"download", "1"}}, {}, {}};
+  auto served = resolver.resolve(save);
+  ASSERT_TRUE(served);
+  EXPECT_TRUE(served->attachment);
+  EXPECT_TRUE(served->sandbox) << "a downloaded page must not run in the host's origin";
+  EXPECT_EQ(served->contentType, "application/pdf");
+  EXPECT_FALSE(resolver.resolve({"GET", "/app.js", {}, {}, {}})->sandbox);
+
+  EXPECT_EQ(shelf::documentURLForPath((root / "docs").string(), (root / "docs/sub/a b.txt").string()),
+            "/documents/sub/a%20b.txt");
+  EXPECT_EQ(shelf::documentURLForPath((root / "docs").string(), (root / "Library/AccessToken").string()), "");
+  fs::remove_all(root);
+}
+
+TEST(AccessToken, MadeOnceAndReadableByTheOwnerOnly) {
+  TestHost host;
+  EXPECT_FALSE(shelf::existingAccessToken(host.layout()));
+  const std::string token = shelf::accessToken(host.layout());
+  EXPECT_EQ(token.size(), 32u);
+  EXPECT_EQ(shelf::accessToken(host.layout()), token);
+  EXPECT_NE(shelf::accessToken(shelfkit::RootLayout::resolve(makeTemporaryDirectory(), std::nullopt)), token);
+  struct stat info {};
+  ASSERT_EQ(::stat((host.layout().library + "/AccessToken").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 077, 0u);
+}
+
+// A download service that keeps a list and records what it is asked.
+class ListService : public platform::DownloadService {
+ public:
+  std::vector<platform::DownloadItem> downloads() override { return items; }
+  void addDownload(const platform::URL& url, std::optional<std::vector<std::string>> types, AddCompletion completion) override {
+    lastTypes = types;
+    if (url.host() == "refused.example") return completion(std::nullopt, std::string("Invalid mime-type"));
+    platform::DownloadItem item;
+    item.uniqueId = "ID" + std::to_string(items.size());
+    item.url = url.absoluteString();
+    items.push_back(item);
+    completion(item, std::string("File added to download queue"));
+  }
+  bool setActive(const std::string& id, bool active) override {
+    for (auto& item : items)
+      if (item.uniqueId == id) return item.active = active, true;
+    return false;
+  }
+  bool removeDownload(const std::string& id) override { return std::erase_if(items, [&](auto& i) { return i.uniqueId == id; }) > 0; }
+  platform::DownloadSettings settings() override { return current; }
+  void setSettings(const platform::DownloadSettings& settings) override { current = settings; }
+  void addObserver(const std::shared_ptr<platform::DownloadServiceObserver>&) override {}
+
+  std::vector<platform::DownloadItem> items;
+  std::optional<std::vector<std::string>> lastTypes;
+  platform::DownloadSettings current;
+};
+
+class ApiTest : public ::testing::Test {
+ protected:
+  void SetUp() override { platform::DownloadService::setSharedInstance(service_); }
+  void TearDown() override { platform::DownloadService::setSharedInstance(nullptr); }
+  shelf::HttpResponse call(const std::string& method, const std::string& path, const std::string& body = "") {
+    std::optional<shelf::HttpResponse> answer;
+    shelf::handleApiRequest({method, path, {}, {}, body}, host_.layout().documents,
+                            [&](shelf::HttpResponse response) { answer = std::move(response); });
+    EXPECT_TRUE(host_.runUntil([&] { return answer.has_value(); }));
+    return answer.value_or(shelf::HttpResponse{});
+  }
+  TestHost host_;
+  std::shared_ptr<ListService> service_ = std::make_shared<ListService>();
+};
+
+TEST_F(ApiTest, DownloadsAreAddedListedStartedStoppedAndRemoved) {
+  auto added = call("POST", "/api/downloads", R"({"url": "http://files.example/a.zip", "permittedMIMETypes": ["application/zip"]})");
+  EXPECT_EQ(added.status, 201);
+  auto body = nlohmann::json::parse(added.body);
+  EXPECT_EQ(body["download"]["uniqueId"], "ID0");
+  EXPECT_EQ(body["message"], "File added to download queue");
+  EXPECT_EQ(service_->lastTypes, std::vector<std::string>{"application/zip"});
+
+  auto refused = call("POST", "/api/downloads", R"({"url": "http://refused.example/a"})");
+  EXPECT_EQ(refused.status, 422);
+  EXPECT_EQ(nlohmann::json::parse(refused.body)["error"], "Invalid mime-type");
+  EXPECT_FALSE(service_->lastTypes) << "no list means every type";
+
+  EXPECT_EQ(nlohmann::json::parse(call("GET", "/api/downloads").body).size(), 1u);
+  EXPECT_EQ(call("POST", "/api/downloads/ID0/stop").status, 204);
+  EXPECT_FALSE(service_->items[0].active);
+  EXPECT_EQ(call("POST", "/api/downloads/ID0/start").status, 204);
+  EXPECT_TRUE(service_->items[0].active);
+  EXPECT_EQ(call("POST", "/api/downloads/nope/start").status, 404);
+  EXPECT_EQ(call("DELETE", "/api/downloads/ID0").status, 204);
+  EXPECT_EQ(call("DELETE", "/api/downloads/ID0").status, 404);
+}
+
+TEST_F(ApiTest, BadRequestsAreRefusedWithAReason) {
+  struct Case {
+    const char* method;
+    const char* path;
+    const char* body;
+    int status;
+  } cases[] = {
+      {"POST", "/api/downloads", "not json", 400},
+      {"POST", "/api/downloads", R"({"url": 5})", 400},
+      {"POST", "/api/downloads", R"({"url": "file:///etc/passwd"})", 400},
+      {"POST", "/api/downloads", R"({"url": "http://x.example/a", "permittedMIMETypes": "text/plain"})", 400},
+      {"PUT", "/api/settings", R"({"maxActiveDownloadCount": 0})", 400},
+      {"PUT", "/api/settings", R"({"maxActiveDownloadCount": 11})", 400},
+      {"PUT", "/api/settings", R"({"downloadsPermitted": "yes"})", 400},
+      {"PUT", "/api/settings", R"({"colour": "blue"})", 400},
+      {"GET", "/api/nothing", "", 404},
+      {"PATCH", "/api/downloads", "", 405},
+      {"GET", "/api/downloads/ID0", "", 405},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.method) + " " + c.path + " " + c.body);
+    auto response = call(c.method, c.path, c.body);
+    EXPECT_EQ(response.status, c.status);
+    EXPECT_TRUE(nlohmann::json::parse(response.body).contains("error"));
+  }
+  EXPECT_TRUE(service_->items.empty());
+  EXPECT_EQ(service_->current.maxActiveDownloadCount, 3);
+}
+
+TEST_F(ApiTest, SettingsChangeOnlyWhatIsGiven) {
+  auto changed = call("PUT", "/api/settings", R"({"maxActiveDownloadCount": 7, "useCellularData": false})");
+  EXPECT_EQ(changed.status, 200);
+  EXPECT_EQ(nlohmann::json::parse(changed.body),
+            nlohmann::json::parse(R"({"downloadsPermitted": true, "useCellularData": false, "maxActiveDownloadCount": 7})"));
+  EXPECT_EQ(nlohmann::json::parse(call("GET", "/api/settings").body)["maxActiveDownloadCount"], 7);
+}
+
+TEST_F(ApiTest, WithoutTheModuleTheDownloadsApiIsUnavailable) {
+  platform::DownloadService::setSharedInstance(nullptr);
+  EXPECT_EQ(call("GET", "/api/downloads").status, 503);
+  EXPECT_EQ(call("GET", "/api/recent").status, 200);
+}
+
+}  // namespace
+
+namespace {
+
+class FakeConnection : public shelf::WebSocketConnection {
+ public:
+  explicit FakeConnection(uint64_t id) : id_(id) {}
+  uint64_t id() const override { return id_; }
+  void send(std::string text) override { sent.push_back(nlohmann::json::parse(text)); }
+  void close() override {}
+  std::vector<nlohmann::json> of(const std::string& type) const {
+    std::vector<nlohmann::json> found;
+    for (const auto& m : sent)
+      if (m["t"] == type) found.push_back(m);
+    return found;
+  }
+  std::vector<nlohmann::json> sent;
+
+ private:
+  const uint64_t id_;
+};
+
+class BridgeTest : public ::testing::Test {
+ protected:
+  void SetUp() override { bridge_->installPresenters(); }
+  void TearDown() override {
+    platform::AlertDialog::setPresenter(nullptr);
+    platform::ProgressOverlay::setPresenter(nullptr);
+    platform::TipsPresenter::setPresenter(nullptr);
+  }
+  std::shared_ptr<FakeConnection> connect(uint64_t id) {
+    auto tab = std::make_shared<FakeConnection>(id);
+    bridge_->opened(tab);
+    host_.loop().runFor(std::chrono::milliseconds(20));
+    return tab;
+  }
+  void say(uint64_t id, const nlohmann::json& message) {
+    bridge_->message(id, message.dump());
+    host_.loop().runFor(std::chrono::milliseconds(20));
+  }
+  TestHost host_;
+  std::shared_ptr<shelf::WebBridge> bridge_ = shelf::WebBridge::create();
+};
+
+TEST_F(BridgeTest, AlertsWaitForATabAndCompleteWhenNoTabIsLeft) {
+  int completions = 0;
+  platform::ProgressOverlay::showAlert(std::string("nobody looks"), [&] { ++completions; });
+  ASSERT_TRUE(host_.runUntil([&] { return completions == 1; })) << "with no tab an alert counts as dismissed";
+
+  auto a = connect(1), b = connect(2);
+  EXPECT_EQ(a->of("hello").size(), 1u);
+  platform::ProgressOverlay::showMessage("Checking URL...", [] {});
+  platform::ProgressOverlay::showAlert(std::string("File added"), [&] { ++completions; });
+  host_.loop().runFor(std::chrono::milliseconds(50));
+  EXPECT_EQ(completions, 1);
+  ASSERT_EQ(b->of("alert").size(), 1u);
+  EXPECT_EQ(b->of("overlay").back()["message"], nullptr) << "the alert takes the place of the message";
+  const auto id = b->of("alert")[0]["id"];
+  say(2, {{"t", "alertDismiss"}, {"id", id}});
+  EXPECT_EQ(completions, 2);
+  EXPECT_EQ(a->of("alertClose").size(), 1u) << "the other tab closes it too";
+
+  platform::ProgressOverlay::showAlert(std::string("left open"), [&] { ++completions; });
+  bridge_->closed(1);
+  bridge_->closed(2);
+  ASSERT_TRUE(host_.runUntil([&] { return completions == 3; }));
+}
+
+TEST_F(BridgeTest, DialogsGoToTheActingTabAndAreDeclinedWhenItCloses) {
+  auto a = connect(1), b = connect(2);
+  std::vector<bool> answers;
+  say(1, {{"t", "noop"}});  // tab 1 acted last
+  platform::AlertDialog::showConfirmDialogWithTitle(std::nullopt, std::string("Sure?"), "Delete",
+                                                    [&](bool ok) { answers.push_back(ok); });
+  ASSERT_EQ(a->of("dialog").size(), 1u);
+  EXPECT_TRUE(b->of("dialog").empty());
+  const auto id = a->of("dialog")[0]["id"];
+  say(2, {{"t", "dialog"}, {"id", id}, {"ok", true}});
+  EXPECT_TRUE(answers.empty()) << "another tab cannot answer it";
+  say(1, {{"t", "dialog"}, {"id", id}, {"ok", true}});
+  EXPECT_EQ(answers, std::vector<bool>{true});
+
+  platform::AlertDialog::showConfirmDialogWithTitle(std::nullopt, std::string("Again?"), "Delete",
+                                                    [&](bool ok) { answers.push_back(ok); });
+  bridge_->closed(1);
+  ASSERT_TRUE(host_.runUntil([&] { return answers.size() == 2; }));
+  EXPECT_FALSE(answers[1]);
+}
+
+TEST_F(BridgeTest, ATipIsShownOnceAndTheOverlayCanBeCancelledFromAnyTab) {
+  auto a = connect(1);
+  int tipsDone = 0, cancels = 0;
+  platform::TipsPresenter::showTip("Use the menu.", [&] { ++tipsDone; });
+  platform::TipsPresenter::showTip("Use the menu.", [&] { ++tipsDone; });
+  ASSERT_TRUE(host_.runUntil([&] { return tipsDone == 1; }));
+  ASSERT_EQ(a->of("tip").size(), 1u);
+  say(1, {{"t", "tipDismiss"}, {"id", a->of("tip")[0]["id"]}});
+  EXPECT_EQ(tipsDone, 2);
+
+  platform::ProgressOverlay::showMessage("Checking URL...", [&] { ++cancels; });
+  auto late = connect(2);
+  EXPECT_EQ(late->of("overlay").back()["message"], "Checking URL...") << "a new tab sees what is shown";
+  say(2, {{"t", "overlayCancel"}});
+  EXPECT_EQ(cancels, 1);
+  EXPECT_EQ(a->of("overlay").back()["message"], nullptr);
+}
+
+}  // namespace
