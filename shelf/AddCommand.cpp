@@ -62,8 +62,8 @@ int runAdd(const AddOptions& options) {
       return 2;
     }
     if (reply.status == 201 && json.is_object() && json.contains("download")) {
-      const auto& download = json["download"];
-      std::cout << "queued " << download.value("outputFilename", download.value("url", url)) << "\n";
+      const auto& name = json["download"]["outputFilename"];
+      std::cout << "queued " << (name.is_string() ? name.get<std::string>() : url) << "\n";
     } else {
       std::string message = json.is_object() && json.contains("error") && json["error"].is_string()
                                 ? json["error"].get<std::string>()

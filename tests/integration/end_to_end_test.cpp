@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <thread>
 
 #include <filesystem>
 #include <fstream>
@@ -109,8 +113,8 @@ struct CommandRun {
   int status;
   std::string output;
 };
-CommandRun shelfGet(const std::string& arguments) {
-  std::string command = std::string(SHELF_BINARY) + " get " + arguments + " 2>&1";
+CommandRun shelf(const std::string& arguments) {
+  std::string command = std::string(SHELF_BINARY) + " " + arguments + " 2>&1";
   CommandRun run{-1, ""};
   FILE* pipe = popen(command.c_str(), "r");
   char buffer[4096];
@@ -131,23 +135,89 @@ TEST(ShelfGet, PlacesFilesAndReportsRefusalsAndFailures) {
     return b;
   });
 
-  CommandRun ok = shelfGet(server.url("/report.pdf") + " -o " + out);
+  CommandRun ok = shelf("get " + server.url("/report.pdf") + " -o " + out);
   EXPECT_EQ(ok.status, 0) << ok.output;
   EXPECT_NE(ok.output.find(out + "/report.pdf"), std::string::npos) << ok.output;
   EXPECT_TRUE(readFile(out + "/report.pdf") == TestHttpServer::pattern(0, 1500000));
 
-  CommandRun refused = shelfGet(server.url("/clip.mp4") + " -o " + out);
+  CommandRun refused = shelf("get " + server.url("/clip.mp4") + " -o " + out);
   EXPECT_EQ(refused.status, 1);
   EXPECT_NE(refused.output.find("Downloading of media content is prohibited"), std::string::npos) << refused.output;
 
-  CommandRun failed = shelfGet(server.url("/broken.zip") + " --tries 1 -o " + out);
+  CommandRun failed = shelf("get " + server.url("/broken.zip") + " --tries 1 -o " + out);
   EXPECT_EQ(failed.status, 1);
   EXPECT_NE(failed.output.find("The network connection was lost."), std::string::npos) << failed.output;
   EXPECT_FALSE(fs::exists(out + "/broken.zip"));
 
-  CommandRun bad = shelfGet("not-a-url -o " + out);
+  CommandRun bad = shelf("get not-a-url -o " + out);
   EXPECT_EQ(bad.status, 2);
   fs::remove_all(out);
+}
+
+// A running `shelf serve`, stopped (by its process id) at the end.
+class RunningShelf {
+ public:
+  explicit RunningShelf(const std::string& root) {
+    int out[2];
+    if (pipe(out) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(out[1], STDOUT_FILENO);
+      close(out[0]);
+      execl(SHELF_BINARY, SHELF_BINARY, "serve", "--root", root.c_str(), "--port", "0", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(out[1]);
+    output_ = fdopen(out[0], "r");
+    char line[1024];
+    while (output_ && fgets(line, sizeof line, output_))
+      if (std::string(line).starts_with("shelf: open ")) {
+        url_ = std::string(line).substr(12);
+        break;
+      }
+  }
+  ~RunningShelf() {
+    if (pid_ > 0) {
+      kill(pid_, SIGTERM);
+      waitpid(pid_, nullptr, 0);
+    }
+    if (output_) fclose(output_);
+  }
+  const std::string& url() const { return url_; }
+
+ private:
+  pid_t pid_ = -1;
+  FILE* output_ = nullptr;
+  std::string url_;
+};
+
+TEST(ShelfAdd, HandsAddressesToTheRunningHost) {
+  TestHttpServer server;
+  server.setRoute("/notes.txt", {.size = 300000, .mimeType = "text/plain"});
+  const std::string root = makeTemporaryDirectory();
+  CommandRun alone = shelf("add --root " + root + " " + server.url("/notes.txt"));
+  EXPECT_EQ(alone.status, 2) << "no host runs yet";
+  EXPECT_NE(alone.output.find("shelf serve"), std::string::npos) << alone.output;
+  {
+    RunningShelf host(root);
+    ASSERT_FALSE(host.url().empty());
+    CommandRun second = shelf("serve --root " + root + " --port 0");
+    EXPECT_EQ(second.status, 1) << "one process owns a root";
+    EXPECT_NE(second.output.find(host.url().substr(0, host.url().size() - 1)), std::string::npos) << second.output;
+
+    CommandRun added = shelf("add --root " + root + " " + server.url("/notes.txt") + " " + server.url("/notes.txt") +
+                             " --type application/zip");
+    EXPECT_EQ(added.status, 1) << added.output;
+    EXPECT_NE(added.output.find("Invalid mime-type"), std::string::npos) << added.output;
+    added = shelf("add --root " + root + " " + server.url("/notes.txt"));
+    EXPECT_EQ(added.status, 0) << added.output;
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    while (!fs::exists(root + "/Documents/notes.txt") && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(50ms);
+    std::this_thread::sleep_for(200ms);
+    EXPECT_TRUE(readFile(root + "/Documents/notes.txt") == TestHttpServer::pattern(0, 300000));
+  }
+  fs::remove_all(root);
 }
 
 }  // namespace
