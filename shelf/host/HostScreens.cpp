@@ -6,7 +6,9 @@
 #include <chrono>
 #include <filesystem>
 
+#include "module/platform/DownloadService.h"
 #include "module/platform/Localization.h"
+#include "module/platform/MainQueue.h"
 #include "module/platform/RecentItems.h"
 #include "module/platform/ui/Appearance.h"
 #include "module/platform/ui/Formatting.h"
@@ -69,7 +71,20 @@ struct FileRow {
   std::string name, detail, url;
 };
 
-// A plain list of files; tapping a row opens its file.
+// Reloads a file list when a download leaves the queue (its file was just placed).
+class ReloadOnPlacement : public platform::DownloadServiceObserver {
+ public:
+  explicit ReloadOnPlacement(std::function<void()> reload) : reload_(std::move(reload)) {}
+  void downloadServiceEvent(platform::DownloadEvent event, const platform::DownloadItem&) override {
+    // The recent items learn of the file right after the removal.
+    if (event == platform::DownloadEvent::Removed) platform::dispatchAsyncMain(reload_);
+  }
+
+ private:
+  std::function<void()> reload_;
+};
+
+// A plain list of files, kept current; tapping a row opens its file.
 class FileListController : public platform::TableScreenController {
  public:
   FileListController() : TableScreenController({0}) {}
@@ -77,6 +92,14 @@ class FileListController : public platform::TableScreenController {
   void viewDidLoad() override {
     tableView().registerClass("ShelfFileCell", [](int64_t, const std::string&) { return std::make_shared<FileCell>(); });
     rows_ = readRows();
+    std::weak_ptr<TableScreenController> weak = weak_from_this();
+    observer_ = std::make_shared<ReloadOnPlacement>([weak] {
+      auto self = std::static_pointer_cast<FileListController>(weak.lock());
+      if (!self) return;
+      self->rows_ = self->readRows();
+      self->reloadData();
+    });
+    if (auto service = platform::DownloadService::sharedInstance()) service->addObserver(observer_);
   }
   int64_t numberOfRowsInSection(int64_t) override { return static_cast<int64_t>(rows_.size()); }
   double heightForRow(int64_t, int64_t) override { return 56.0; }
@@ -95,6 +118,7 @@ class FileListController : public platform::TableScreenController {
  protected:
   virtual std::vector<FileRow> readRows() = 0;
   std::vector<FileRow> rows_;
+  std::shared_ptr<ReloadOnPlacement> observer_;
 };
 
 std::string detailOf(const fs::path& path) {
