@@ -50,21 +50,25 @@ class FileCell : public platform::TableViewCell {
     name_ = std::make_shared<platform::LargeTitleLabel>();
     detail_ = std::make_shared<platform::SmallDetailLabel>();
     column->addFillHeightSubivews({platform::View::spacer(), name_, platform::View::spacer(), detail_, platform::View::spacer()});
+    open_ = std::make_shared<platform::Link>(hostText("Open"), "", false);
     save_ = std::make_shared<platform::Link>(hostText("Save"), "", true);
-    contentView()->addFillWidthSubviews({platform::View::spacerWithSize(15), column, save_, platform::View::spacerWithSize(15)});
+    contentView()->addFillWidthSubviews({platform::View::spacerWithSize(15), column, open_, platform::View::spacerWithSize(12),
+                                         save_, platform::View::spacerWithSize(15)});
   }
 
   void show(const std::string& name, const std::string& detail, const std::string& url) {
     name_->setText(name);
     detail_->setText(detail);
+    open_->setHref(url);
     save_->setHref(url.empty() ? "" : url + "?download=1");
+    open_->setHidden(url.empty());
     save_->setHidden(url.empty());
   }
 
  private:
   std::shared_ptr<platform::LargeTitleLabel> name_;
   std::shared_ptr<platform::SmallDetailLabel> detail_;
-  std::shared_ptr<platform::Link> save_;
+  std::shared_ptr<platform::Link> open_, save_;
 };
 
 struct FileRow {

@@ -163,6 +163,9 @@ export class Views {
         if (href) el.href = href;
         else el.removeAttribute('href');
         el.toggleAttribute('download', !!p.download);
+        // Opening goes to a new tab, so the shelf stays where it is.
+        if (p.download) el.removeAttribute('target');
+        else { el.target = '_blank'; el.rel = 'noopener'; }
         break;
       }
       case 'cell':
