@@ -13,6 +13,7 @@
 #include "module/platform/ui/Appearance.h"
 #include "module/platform/ui/Formatting.h"
 #include "module/platform/ui/Registries.h"
+#include "shelf/server/PercentEncoding.h"
 
 namespace fs = std::filesystem;
 
@@ -25,21 +26,6 @@ std::shared_ptr<HostScreenContext>& context() {
 }
 
 std::string hostText(const char* english) { return platform::localizedString("shelf", english); }
-
-std::string percentEncodeSegment(const std::string& segment) {
-  static const char* kHex = "0123456789ABCDEF";
-  std::string encoded;
-  for (unsigned char c : segment) {
-    if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
-      encoded += static_cast<char>(c);
-    } else {
-      encoded += '%';
-      encoded += kHex[c >> 4];
-      encoded += kHex[c & 15];
-    }
-  }
-  return encoded;
-}
 
 // A row with a name, a detail line and an optional "Save" link.
 class FileCell : public platform::TableViewCell {
@@ -211,7 +197,7 @@ std::string documentURLForPath(const std::string& documentsDirectory, const std:
   const fs::path relative = file.lexically_relative(base);
   if (relative.empty() || *relative.begin() == "..") return "";
   std::string url = "/documents";
-  for (const auto& part : relative) url += "/" + percentEncodeSegment(part.string());
+  for (const auto& part : relative) url += "/" + percentEncode(part.string());
   return url;
 }
 
