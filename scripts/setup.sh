@@ -9,8 +9,12 @@ packages=(
   libcli11-dev gettext libgtest-dev libgmock-dev media-types
   libavformat-dev libavcodec-dev libavutil-dev ffmpeg
   clang libclang-rt-14-dev
-  nodejs npm chromium fonts-dejavu-core
+  chromium fonts-dejavu-core
 )
+# Node.js and npm may come from elsewhere than Debian (npm is bundled with some
+# Node.js builds); only a missing command asks for Debian's package.
+command -v node >/dev/null || packages+=(nodejs)
+command -v npm >/dev/null || packages+=(npm)
 
 missing=()
 for p in "${packages[@]}"; do
