@@ -11,6 +11,7 @@
 
 #include "module/core/DFDownloadManager.h"
 #include "tests/support/Files.h"
+#include "tests/support/Journal.h"
 #include "tests/support/TestHost.h"
 #include "tests/support/TestHttpServer.h"
 
@@ -106,6 +107,51 @@ TEST_F(EndToEndTest, ARestartedManagerResumesFromTheLastCompleteChunk) {
   ASSERT_GE(requests.size(), 5u);
   EXPECT_EQ(requests[4].header("Range"), "bytes=400000-599999");
   EXPECT_TRUE(readFile(host_.layout().documents + "/big.dat") == TestHttpServer::pattern(0, size));
+}
+
+TEST_F(EndToEndTest, LosingTheNetworkStopsEachTransferOnceAndItsReturnResumesThem) {
+  const int64_t size = 2000000;  // chunks of 200000
+  bool stall = true;
+  for (const char* name : {"/a.dat", "/b.dat", "/c.dat"})
+    server_.setHandler(name, [&](const RecordedRequest&, int index) {
+      Behaviour b{.size = size};
+      if (stall && index == 3) b.stallAtByte = 50000;  // the third chunk hangs until the route goes
+      return b;
+    });
+  auto manager = DFDownloadManager::init();
+  auto journal = std::make_shared<Journal>();
+  manager->addDelegate(journal);
+  for (const char* name : {"/a.dat", "/b.dat", "/c.dat"})
+    manager->downloadFileWithURL(*platform::URL::URLWithString(server_.url(name)), nullptr);
+  ASSERT_TRUE(host_.runUntil([&] {
+    for (const char* name : {"/a.dat", "/b.dat", "/c.dat"})
+      if (server_.requests(name).size() < 4) return false;
+    return true;
+  }, 30s));
+  host_.loop().runFor(200ms);
+  journal->take();
+
+  host_.network().setState(false, false);  // the default route disappears
+  host_.loop().runFor(200ms);
+  EXPECT_EQ(journal->take(), (std::vector<std::string>{"stopped a.dat", "stopped b.dat", "stopped c.dat"}));
+  for (const auto& record : manager->downloadOperations()) {
+    EXPECT_EQ(record->position(), 400000) << "two complete chunks";
+    EXPECT_TRUE(record->active());
+    EXPECT_FALSE(manager->downloadOperationInProgress(record));
+  }
+  stall = false;
+  server_.releaseStalls();
+  host_.loop().runFor(300ms);
+  EXPECT_TRUE(journal->take().empty()) << "nothing starts without a route";
+
+  host_.network().setState(true, true);
+  ASSERT_TRUE(host_.runUntil([&] { return manager->downloadOperations().empty(); }, 60s));
+  for (const char* name : {"/a.dat", "/b.dat", "/c.dat"}) {
+    auto requests = server_.requests(name);
+    ASSERT_GE(requests.size(), 5u);
+    EXPECT_EQ(requests[4].header("Range"), "bytes=400000-599999") << name << ": resumed from the last complete chunk";
+    EXPECT_TRUE(readFile(host_.layout().documents + name) == TestHttpServer::pattern(0, size)) << name;
+  }
 }
 
 // `shelf get` as a user runs it.
