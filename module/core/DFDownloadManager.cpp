@@ -54,7 +54,7 @@ std::shared_ptr<DFDownloadManager> DFDownloadManager::init() {
   manager->_database = platform::RecordDatabase::initWithName(kDatabaseName, 0);
   if (manager->_database) {
     for (auto& [uniqueId, record] : manager->_database->items<DFDownloadOperation>())
-      manager->_downloadOperations.push_back(std::move(record));
+      if (!manager->finishInterruptedPlacement(record)) manager->_downloadOperations.push_back(std::move(record));
   } else {
     platform::log("download manager: no record database; the queue will not be kept");
   }

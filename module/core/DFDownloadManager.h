@@ -120,6 +120,11 @@ class DFDownloadManager : public std::enable_shared_from_this<DFDownloadManager>
 
  private:
   std::string destinationPathForDownloadOperation(const Record& downloadOperation) const;
+  // Library/DownloaderTmpFiles/<uniqueId>.placing: names the destination while a file is placed.
+  static std::string placementMarkerPath(const std::string& uniqueId);
+  // At start-up: true (and the record is dropped) when the record's file was
+  // placed before the process ended but the record was not yet removed.
+  bool finishInterruptedPlacement(const Record& downloadOperation);
   template <class Call>
   void notifyDelegates(Call call) {
     for (const auto& delegate : _delegates.objects()) call(*delegate);

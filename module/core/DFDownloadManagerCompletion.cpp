@@ -6,6 +6,7 @@
 #include "module/core/DFSafeFilename.h"
 #include "module/platform/Clock.h"
 #include "module/platform/FileManager.h"
+#include "module/platform/MainQueue.h"
 #include "module/platform/Log.h"
 #include "module/ui/DFRecentItemsSource.h"
 
@@ -13,6 +14,7 @@ namespace {
 
 constexpr auto kRetryDelay = std::chrono::milliseconds(10000);
 constexpr int kMaxCollisions = 100000;
+constexpr const char* kPlacementMarkerSuffix = ".placing";
 
 }  // namespace
 
@@ -41,11 +43,15 @@ void DFDownloadManager::completeDownloadOperation(const Record& downloadOperatio
 
   auto files = platform::FileManager::defaultManager();
   const std::string tmpFilePath = tmpFilePathForFilename(downloadOperation->uniqueId());
+  const std::string marker = placementMarkerPath(downloadOperation->uniqueId());
   // Never replace an existing file: a name taken between the choice and the
   // move sends us on to the next number.
   std::string destination;
   for (int attempt = 0; attempt < 100; ++attempt) {
     destination = destinationPathForDownloadOperation(downloadOperation);
+    // Should the process end between the move and the record's removal, the
+    // next start finds the file placed rather than fetching it again.
+    files->writeContentsAtomically(marker, destination);
     auto placed = files->placeItemAtPath(tmpFilePath, destination);
     if (placed != platform::FileManager::PlaceResult::Exists) {
       if (placed == platform::FileManager::PlaceResult::Failed)
@@ -56,6 +62,29 @@ void DFDownloadManager::completeDownloadOperation(const Record& downloadOperatio
   removeDownloadOperation(downloadOperation);
   const std::string uniqueId = files->uniqueIdOfItemAtPath(destination).value_or("");
   DFRecentItemsSource::sharedInstance()->addItemWithFilename(destination, uniqueId);
+  // The record's removal is committed at the end of this turn; the marker goes after it.
+  platform::dispatchAsyncMain([marker] { platform::FileManager::defaultManager()->removeItemAtPath(marker); });
+}
+
+std::string DFDownloadManager::placementMarkerPath(const std::string& uniqueId) {
+  return tmpFilePathForFilename(uniqueId + kPlacementMarkerSuffix);
+}
+
+bool DFDownloadManager::finishInterruptedPlacement(const Record& downloadOperation) {
+  auto files = platform::FileManager::defaultManager();
+  const std::string marker = placementMarkerPath(downloadOperation->uniqueId());
+  auto destination = files->contentsAtPath(marker);
+  if (!destination) return false;
+  files->removeItemAtPath(marker);
+  // The move happened when the temporary file is gone and the destination is there.
+  if (files->fileExistsAtPath(tmpFilePathForFilename(downloadOperation->uniqueId())) ||
+      !files->fileExistsAtPath(*destination))
+    return false;
+  platform::log("download manager: " + *destination + " was placed before the last exit; its record is removed");
+  if (_database) _database->removeItemWithUniqueId(downloadOperation->uniqueId());
+  const std::string uniqueId = files->uniqueIdOfItemAtPath(*destination).value_or("");
+  DFRecentItemsSource::sharedInstance()->addItemWithFilename(*destination, uniqueId);
+  return true;
 }
 
 void DFDownloadManager::removeDownloadOperation(const Record& downloadOperation) {

@@ -36,6 +36,11 @@ class FileManager {
   // an existing file is never replaced. The file is flushed to disk first.
   virtual PlaceResult placeItemAtPath(const std::string& from, const std::string& to) = 0;
 
+  // Writes a small file whole and flushed, replacing any old one; true on success.
+  virtual bool writeContentsAtomically(const std::string& path, const std::string& contents) = 0;
+  // The whole contents of a small file, or none.
+  virtual std::optional<std::string> contentsAtPath(const std::string& path) const = 0;
+
   // A text that identifies the file at `path` (its device and inode), or none.
   virtual std::optional<std::string> uniqueIdOfItemAtPath(const std::string& path) const = 0;
 };

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <system_error>
 
 #include "module/platform/FileCopy.h"
@@ -115,6 +117,18 @@ std::optional<std::string> PosixFileManager::uniqueIdOfItemAtPath(const std::str
   if (::stat(path.c_str(), &st) != 0) return std::nullopt;
   return std::to_string(static_cast<unsigned long long>(st.st_dev)) + ":" +
          std::to_string(static_cast<unsigned long long>(st.st_ino));
+}
+
+bool PosixFileManager::writeContentsAtomically(const std::string& path, const std::string& contents) {
+  return writeFileAtomically(path, contents);
+}
+
+std::optional<std::string> PosixFileManager::contentsAtPath(const std::string& path) const {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
 }
 
 }  // namespace shelfkit

@@ -87,6 +87,46 @@ TEST_F(CompletionTest, HostileNamesStayInsideTheDocumentsFolder) {
   EXPECT_TRUE(documentNames().count("a_b.txt"));
 }
 
+TEST_F(CompletionTest, AnExitBetweenPlacementAndRemovalNeitherLosesNorRepeatsTheFile) {
+  // What a process killed right after the move leaves: the record still stored
+  // and full, its temporary file moved to the documents folder, the marker.
+  auto placed = finished("report.pdf", "done");
+  auto notMoved = finished("notes.txt", "half");
+  for (const auto& r : {placed, notMoved}) {
+    r->setSize(4);
+    r->setPosition(4);
+    r->setActive(true);
+  }
+  {
+    auto db = shelfkit::SqliteRecordDatabase::open(host_.layout().databasesDirectory() + "/DFDownloadManager.sqlite", 0);
+    db->insertItemWithUniqueId(placed->uniqueId(), *placed);
+    db->insertItemWithUniqueId(notMoved->uniqueId(), *notMoved);
+  }
+  fs::rename(DFDownloadManager::tmpFilePathForFilename(placed->uniqueId()), documents() + "/report.pdf");
+  const std::string tmp = host_.layout().library + "/DownloaderTmpFiles/";
+  std::ofstream(tmp + placed->uniqueId() + ".placing") << documents() + "/report.pdf";
+  std::ofstream(tmp + notMoved->uniqueId() + ".placing") << documents() + "/notes.txt";
+
+  auto restarted = DFDownloadManager::init();
+  ASSERT_EQ(restarted->downloadOperations().size(), 1u) << "the placed file is not fetched again";
+  EXPECT_EQ(restarted->downloadOperations()[0]->uniqueId(), notMoved->uniqueId());
+  EXPECT_EQ(documentNames(), std::set<std::string>{"report.pdf"});
+  auto items = DFRecentItemsSource::sharedInstance()->items();
+  ASSERT_EQ(items.size(), 1u);
+  EXPECT_EQ(items[0].path, documents() + "/report.pdf");
+  EXPECT_FALSE(fs::exists(tmp + placed->uniqueId() + ".placing"));
+  EXPECT_FALSE(fs::exists(tmp + notMoved->uniqueId() + ".placing"));
+
+  // The record left in the queue completes as usual, and leaves nothing behind.
+  restarted.reset();
+  auto again = DFDownloadManager::init();
+  EXPECT_EQ(again->downloadOperations().size(), 1u) << "the removal was stored";
+  again->completeDownloadOperation(again->downloadOperations()[0], std::nullopt);
+  host_.loop().runFor(std::chrono::milliseconds(50));
+  EXPECT_EQ(documentNames(), (std::set<std::string>{"notes.txt", "report.pdf"}));
+  EXPECT_TRUE(fs::is_empty(tmp)) << "no marker is left";
+}
+
 TEST(SafeFilename, KeepsExtensionsAndRoomForANumber) {
   EXPECT_EQ(DFSafeFilename("report.pdf"), "report.pdf");
   EXPECT_EQ(DFSafeFilename("a\0b"), "a");  // a C string ends at NUL
