@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "module/core/DFDownloadManager.h"
+#include "module/core/DFLocalizedString.h"
 #include "module/core/DFSafeFilename.h"
 #include "module/platform/Clock.h"
 #include "module/platform/FileManager.h"
@@ -47,17 +48,21 @@ void DFDownloadManager::completeDownloadOperation(const Record& downloadOperatio
   // Never replace an existing file: a name taken between the choice and the
   // move sends us on to the next number.
   std::string destination;
+  auto placed = platform::FileManager::PlaceResult::Failed;
   for (int attempt = 0; attempt < 100; ++attempt) {
     destination = destinationPathForDownloadOperation(downloadOperation);
     // Should the process end between the move and the record's removal, the
     // next start finds the file placed rather than fetching it again.
     files->writeContentsAtomically(marker, destination);
-    auto placed = files->placeItemAtPath(tmpFilePath, destination);
-    if (placed != platform::FileManager::PlaceResult::Exists) {
-      if (placed == platform::FileManager::PlaceResult::Failed)
-        platform::log("download manager: could not place " + destination);
-      break;
-    }
+    placed = files->placeItemAtPath(tmpFilePath, destination);
+    if (placed != platform::FileManager::PlaceResult::Exists) break;
+  }
+  if (placed != platform::FileManager::PlaceResult::Placed) {
+    // The file stays with its record and is placed on a later try, once there is room.
+    platform::log("download manager: could not place " + destination);
+    files->removeItemAtPath(marker);
+    completeDownloadOperation(downloadOperation, DFLocalizedString("The file could not be placed in the Documents folder"));
+    return;
   }
   removeDownloadOperation(downloadOperation);
   const std::string uniqueId = files->uniqueIdOfItemAtPath(destination).value_or("");
@@ -77,9 +82,13 @@ bool DFDownloadManager::finishInterruptedPlacement(const Record& downloadOperati
   if (!destination) return false;
   files->removeItemAtPath(marker);
   // The move happened when the temporary file is gone and the destination is there.
-  if (files->fileExistsAtPath(tmpFilePathForFilename(downloadOperation->uniqueId())) ||
-      !files->fileExistsAtPath(*destination))
+  if (files->fileExistsAtPath(tmpFilePathForFilename(downloadOperation->uniqueId()))) {
+    // A copy across file systems may have been cut short: it went to a hidden name.
+    const auto slash = destination->rfind('/');
+    files->removeItemAtPath(destination->substr(0, slash + 1) + "." + downloadOperation->uniqueId() + ".part");
     return false;
+  }
+  if (!files->fileExistsAtPath(*destination)) return false;
   platform::log("download manager: " + *destination + " was placed before the last exit; its record is removed");
   if (_database) _database->removeItemWithUniqueId(downloadOperation->uniqueId());
   const std::string uniqueId = files->uniqueIdOfItemAtPath(*destination).value_or("");

@@ -34,6 +34,8 @@ class FileManager {
   enum class PlaceResult { Placed, Exists, Failed };
   // Moves the file `from` to `to` only if nothing exists at `to`, atomically:
   // an existing file is never replaced. The file is flushed to disk first.
+  // Across file systems it is copied to ".NAME.part" beside `to` (NAME: the
+  // last component of `from`), then renamed.
   virtual PlaceResult placeItemAtPath(const std::string& from, const std::string& to) = 0;
 
   // Writes a small file whole and flushed, replacing any old one; true on success.

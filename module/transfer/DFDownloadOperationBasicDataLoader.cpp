@@ -40,6 +40,14 @@ DFDownloadOperationBasicDataLoader::~DFDownloadOperationBasicDataLoader() { canc
 
 void DFDownloadOperationBasicDataLoader::start() {
   reconcileTemporaryFile();
+  // A transfer that ended before its file could be placed (a full disk, say)
+  // needs no request: it completes again at once.
+  const auto& record = downloadOperation();
+  if (record->size() != 0 && record->position() == record->size() && fileSizeOrZero(tmpFilePath()) == record->size()) {
+    record->setActualPosition(record->position());
+    downloadOperationCompleteWithError(std::nullopt);
+    return;
+  }
   auto configuration = platform::URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier(
       platform::newUUIDString());
   configuration.networkServiceType = platform::NetworkServiceType::Background;

@@ -74,24 +74,27 @@ bool flush(const std::string& path) {
 // Copies `from` into a new file at `to`, never replacing one, and flushes it.
 platform::FileManager::PlaceResult copyExclusively(const std::string& from, const std::string& to) {
   using Result = platform::FileManager::PlaceResult;
+  // The copy is made under a hidden name beside the destination and renamed
+  // when complete, so the destination never holds a partial file.
+  const fs::path part = fs::path(to).parent_path() / ("." + fs::path(from).filename().string() + ".part");
   int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
   if (in < 0) return Result::Failed;
-  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  int out = ::open(part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (out < 0) {
-    int error = errno;
     ::close(in);
-    return error == EEXIST ? Result::Exists : Result::Failed;
+    return Result::Failed;
   }
   bool ok = platform::copyFileContents(in, out);
   ok = ok && ::fsync(out) == 0;
   ok = (::close(out) == 0) && ok;
   ::close(in);
-  if (!ok) {
-    ::unlink(to.c_str());
-    return Result::Failed;
+  if (ok && ::renameat2(AT_FDCWD, part.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+    ::unlink(from.c_str());
+    return Result::Placed;
   }
-  ::unlink(from.c_str());
-  return Result::Placed;
+  const int error = errno;
+  ::unlink(part.c_str());
+  return ok && error == EEXIST ? Result::Exists : Result::Failed;
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,8 +10,11 @@
 
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include "module/core/DFDownloadManager.h"
+#include "module/platform/FileManager.h"
+#include "shelfkit/runtime/PosixFileManager.h"
 #include "tests/support/Files.h"
 #include "tests/support/Journal.h"
 #include "tests/support/TestHost.h"
@@ -152,6 +157,60 @@ TEST_F(EndToEndTest, LosingTheNetworkStopsEachTransferOnceAndItsReturnResumesThe
     EXPECT_EQ(requests[4].header("Range"), "bytes=400000-599999") << name << ": resumed from the last complete chunk";
     EXPECT_TRUE(readFile(host_.layout().documents + name) == TestHttpServer::pattern(0, size)) << name;
   }
+}
+
+// A small tmpfs for the documents folder, in a mount namespace of the calling
+// thread only (the main loop runs here), so nothing outside the test sees it.
+class SmallDocumentsFolder {
+ public:
+  explicit SmallDocumentsFolder(const std::string& path) : path_(path) {
+    fs::create_directories(path);
+    mounted_ = ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+               ::mount("tmpfs", path.c_str(), "tmpfs", 0, "size=1m") == 0;
+  }
+  ~SmallDocumentsFolder() {
+    if (mounted_) ::umount(path_.c_str());
+  }
+  bool mounted() const { return mounted_; }
+
+ private:
+  std::string path_;
+  bool mounted_ = false;
+};
+
+TEST_F(EndToEndTest, AFullDocumentsFolderKeepsTheFileUntilThereIsRoom) {
+  const std::string documents = host_.layout().root + "/Small";
+  SmallDocumentsFolder small(documents);
+  if (!small.mounted()) GTEST_SKIP() << "mounting a tmpfs needs root";
+  platform::FileManager::setDefaultManager(std::make_shared<shelfkit::PosixFileManager>(host_.layout().library, documents));
+  const int64_t size = 400000;  // two fit in the 1 MiB folder, three do not
+  for (const char* name : {"/one.dat", "/two.dat", "/three.dat"}) server_.setRoute(name, {.size = size});
+  auto manager = DFDownloadManager::init();
+  manager->setMaxActiveDownloadCount(1);  // in queue order
+  for (const char* name : {"/one.dat", "/two.dat", "/three.dat"})
+    manager->downloadFileWithURL(*platform::URL::URLWithString(server_.url(name)), nullptr);
+
+  DFDownloadManager::Record third;
+  ASSERT_TRUE(host_.runUntil([&] {
+    auto queue = manager->downloadOperations();
+    if (queue.size() != 1 || !manager->lastErrorOfDownloadOperation(queue[0])) return false;
+    third = queue[0];
+    return true;
+  }, 60s));
+  EXPECT_EQ(third->outputFilename(), "three.dat");
+  EXPECT_EQ(manager->lastErrorOfDownloadOperation(third), "The file could not be placed in the Documents folder");
+  EXPECT_EQ(third->position(), size) << "the data is kept";
+  std::set<std::string> placed;
+  for (const auto& entry : fs::directory_iterator(documents)) placed.insert(entry.path().filename().string());
+  EXPECT_EQ(placed, (std::set<std::string>{"one.dat", "two.dat"})) << "no partial copy is left";
+  const size_t requests = server_.requests("/three.dat").size();
+
+  fs::remove(documents + "/one.dat");  // the user makes room
+  ASSERT_TRUE(runWithRetries(*manager, [&] { return manager->downloadOperations().empty(); }));
+  EXPECT_TRUE(readFile(documents + "/three.dat") == TestHttpServer::pattern(0, size));
+  EXPECT_TRUE(readFile(documents + "/two.dat") == TestHttpServer::pattern(0, size));
+  EXPECT_EQ(server_.requests("/three.dat").size(), requests) << "placed from the kept data, not fetched again";
+  EXPECT_TRUE(fs::is_empty(host_.layout().library + "/DownloaderTmpFiles"));
 }
 
 // `shelf get` as a user runs it.
