@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Set-up, then build everything under AddressSanitizer and UndefinedBehaviorSanitizer
-# and run every test: the GoogleTest programs, then the fuzz targets briefly on
-# their corpus (built with clang for libFuzzer).
+# and run every test: the fuzz targets briefly on their corpus (built with clang
+# for libFuzzer), the GoogleTest programs, the browser tests and the short kill
+# soak; then every test program again, whole, under ThreadSanitizer.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 "$here/scripts/setup.sh"
@@ -16,3 +17,4 @@ cmake --build "$build/fuzz" -j "$jobs"
 (cd "$build/fuzz" && ctest --output-on-failure)
 cd "$build"
 ctest --output-on-failure -j "$jobs" --timeout 600
+BUILD_DIR="$build-tsan" "$here/scripts/tsan.sh"
