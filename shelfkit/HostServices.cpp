@@ -1,5 +1,7 @@
 #include "shelfkit/HostServices.h"
 
+#include <filesystem>
+
 #include "module/platform/FileManager.h"
 #include "module/platform/NetworkMonitor.h"
 #include "module/platform/RecordDatabase.h"
@@ -14,6 +16,9 @@ namespace shelfkit {
 
 void installHostServices(const RootLayout& layout, std::shared_ptr<MainLoop> loop) {
   boost::asio::io_context& context = loop->context();
+  // Transfer bodies of an earlier process cannot be resumed; the root is ours alone.
+  std::error_code ignored;
+  std::filesystem::remove_all(layout.library + "/Caches/URLSessionDownloads", ignored);
   MainLoop::install(std::move(loop));
   platform::UserDefaults::setStandardUserDefaults(std::make_shared<JsonUserDefaults>(layout.preferencesFile()));
   platform::FileManager::setDefaultManager(std::make_shared<PosixFileManager>(layout.library, layout.documents));

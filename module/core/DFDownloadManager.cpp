@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <set>
 
 #include "module/platform/FileManager.h"
 #include "module/platform/Log.h"
@@ -60,6 +61,7 @@ std::shared_ptr<DFDownloadManager> DFDownloadManager::init() {
   }
   std::sort(manager->_downloadOperations.begin(), manager->_downloadOperations.end(),
             [](const Record& a, const Record& b) { return a->priority() < b->priority(); });
+  manager->removeStrayTemporaryFiles();
 
   if (auto monitor = platform::NetworkMonitor::sharedInstance()) monitor->addDelegate(manager);
   manager->updateDownloads();
@@ -68,6 +70,17 @@ std::shared_ptr<DFDownloadManager> DFDownloadManager::init() {
     if (auto self = weak.lock()) self->retryTimerFired();
   });
   return manager;
+}
+
+void DFDownloadManager::removeStrayTemporaryFiles() {
+  // What an ended process left behind: files of records that are gone, and
+  // half-written markers. Only the files of queued records stay.
+  auto files = platform::FileManager::defaultManager();
+  const std::string directory = tmpFilePathForFilename("");
+  std::set<std::string> kept;
+  for (const auto& record : _downloadOperations) kept.insert(record->uniqueId());
+  for (const auto& name : files->contentsOfDirectoryAtPath(directory))
+    if (!kept.count(name)) files->removeItemAtPath(directory + name);
 }
 
 void DFDownloadManager::addDelegate(const std::shared_ptr<DFDownloadManagerDelegate>& delegate) {

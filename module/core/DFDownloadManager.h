@@ -125,6 +125,7 @@ class DFDownloadManager : public std::enable_shared_from_this<DFDownloadManager>
   // At start-up: true (and the record is dropped) when the record's file was
   // placed before the process ended but the record was not yet removed.
   bool finishInterruptedPlacement(const Record& downloadOperation);
+  void removeStrayTemporaryFiles();
   template <class Call>
   void notifyDelegates(Call call) {
     for (const auto& delegate : _delegates.objects()) call(*delegate);

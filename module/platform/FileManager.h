@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace platform {
 
@@ -38,6 +39,8 @@ class FileManager {
   // last component of `from`), then renamed.
   virtual PlaceResult placeItemAtPath(const std::string& from, const std::string& to) = 0;
 
+  // The names in a directory (not "." or ".."), or none when it cannot be read.
+  virtual std::vector<std::string> contentsOfDirectoryAtPath(const std::string& path) const = 0;
   // Writes a small file whole and flushed, replacing any old one; true on success.
   virtual bool writeContentsAtomically(const std::string& path, const std::string& contents) = 0;
   // The whole contents of a small file, or none.

@@ -1,5 +1,7 @@
 #include "shelfkit/runtime/CurlURLSession.h"
 
+#include <sys/stat.h>
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -78,6 +80,7 @@ void CurlDownloadTask::resume() {
   platform::FileManager::defaultManager()->createDirectoryAtPath(session_->downloadDirectory());
   path_ = session_->downloadDirectory() + "/download-XXXXXX";
   fd_ = ::mkostemp(path_.data(), O_CLOEXEC);
+  if (fd_ >= 0) ::fchmod(fd_, 0644);  // the body may become the user's file as it is
   if (fd_ < 0) {
     path_.clear();
     state_ = State::Completed;

@@ -122,6 +122,13 @@ std::optional<std::string> PosixFileManager::uniqueIdOfItemAtPath(const std::str
          std::to_string(static_cast<unsigned long long>(st.st_ino));
 }
 
+std::vector<std::string> PosixFileManager::contentsOfDirectoryAtPath(const std::string& path) const {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(path, error)) names.push_back(entry.path().filename().string());
+  return names;
+}
+
 bool PosixFileManager::writeContentsAtomically(const std::string& path, const std::string& contents) {
   return writeFileAtomically(path, contents);
 }

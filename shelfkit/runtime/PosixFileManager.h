@@ -18,6 +18,7 @@ class PosixFileManager : public platform::FileManager {
   bool removeItemAtPath(const std::string& path) override;
   PlaceResult placeItemAtPath(const std::string& from, const std::string& to) override;
   std::optional<std::string> uniqueIdOfItemAtPath(const std::string& path) const override;
+  std::vector<std::string> contentsOfDirectoryAtPath(const std::string& path) const override;
   bool writeContentsAtomically(const std::string& path, const std::string& contents) override;
   std::optional<std::string> contentsAtPath(const std::string& path) const override;
 

@@ -106,6 +106,9 @@ TEST_F(CompletionTest, AnExitBetweenPlacementAndRemovalNeitherLosesNorRepeatsThe
   const std::string tmp = host_.layout().library + "/DownloaderTmpFiles/";
   std::ofstream(tmp + placed->uniqueId() + ".placing") << documents() + "/report.pdf";
   std::ofstream(tmp + notMoved->uniqueId() + ".placing") << documents() + "/notes.txt";
+  // Left by a process killed mid-write, and by a record removed before the exit.
+  std::ofstream(tmp + notMoved->uniqueId() + ".placing.tmp.Ab12Cd") << "half";
+  std::ofstream(tmp + "0F0F0F0F-0000-4000-8000-000000000000") << "orphan";
 
   auto restarted = DFDownloadManager::init();
   ASSERT_EQ(restarted->downloadOperations().size(), 1u) << "the placed file is not fetched again";
@@ -116,6 +119,9 @@ TEST_F(CompletionTest, AnExitBetweenPlacementAndRemovalNeitherLosesNorRepeatsThe
   EXPECT_EQ(items[0].path, documents() + "/report.pdf");
   EXPECT_FALSE(fs::exists(tmp + placed->uniqueId() + ".placing"));
   EXPECT_FALSE(fs::exists(tmp + notMoved->uniqueId() + ".placing"));
+  std::set<std::string> left;
+  for (const auto& entry : fs::directory_iterator(tmp)) left.insert(entry.path().filename().string());
+  EXPECT_EQ(left, std::set<std::string>{notMoved->uniqueId()}) << "only the files of queued records stay";
 
   // The record left in the queue completes as usual, and leaves nothing behind.
   restarted.reset();
