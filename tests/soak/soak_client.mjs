@@ -1,0 +1,67 @@
+// The soak's side of the host's JSON API, and the bits of JSON reading it needs.
+//   add BASE URL            POST /api/downloads; prints "STATUS uniqueId outputFilename" or
+//                           "STATUS body"; exit 0 only on 201
+//   queue BASE [SAVE]       GET /api/downloads; prints "count sumPosition sumSize", the body
+//                           saved to SAVE; exit 3 when the host does not answer
+//   smallest-program FILE   from `ffprobe -show_programs -of json` output: the program_id
+//                           whose video is the narrowest (the variant the module takes)
+import fs from 'node:fs';
+import http from 'node:http';
+
+function request(method, url, body, timeoutMs) {
+  return new Promise((resolve, reject) => {
+    const req = http.request(url, { method, headers: body ? { 'Content-Type': 'application/json' } : {} }, (res) => {
+      let text = '';
+      res.setEncoding('utf8');
+      res.on('data', (d) => { text += d; });
+      res.on('end', () => resolve({ status: res.statusCode, text }));
+      res.on('error', reject);
+    });
+    req.setTimeout(timeoutMs, () => req.destroy(new Error('timed out')));
+    req.on('error', reject);
+    req.end(body);
+  });
+}
+
+const [command, ...rest] = process.argv.slice(2);
+try {
+  if (command === 'add') {
+    const [base, url] = rest;
+    const { status, text } = await request('POST', `${base}api/downloads`, JSON.stringify({ url }), 180_000);
+    if (status === 201) {
+      const d = JSON.parse(text).download;
+      console.log(`${status} ${d.uniqueId} ${d.outputFilename}`);
+      process.exit(0);
+    }
+    console.log(`${status} ${text}`);
+    process.exit(1);
+  } else if (command === 'queue') {
+    const [base, save] = rest;
+    const { status, text } = await request('GET', `${base}api/downloads`, undefined, 30_000);
+    if (save) fs.writeFileSync(save, text);
+    if (status !== 200) {
+      console.log(`status ${status}: ${text}`);
+      process.exit(3);
+    }
+    const list = JSON.parse(text);
+    const sum = (key) => list.reduce((n, d) => n + (Number(d[key]) || 0), 0);
+    console.log(`${list.length} ${sum('position')} ${sum('size')}`);
+  } else if (command === 'smallest-program') {
+    const probe = JSON.parse(fs.readFileSync(rest[0], 'utf8'));
+    let best = null;
+    for (const program of probe.programs || []) {
+      for (const stream of program.streams || []) {
+        if (stream.codec_type !== 'video' || !stream.width) continue;
+        if (!best || stream.width < best.width) best = { id: program.program_id, width: stream.width };
+      }
+    }
+    if (!best) process.exit(1);
+    console.log(best.id);
+  } else {
+    console.error('usage: soak_client.mjs add BASE URL | queue BASE [SAVE] | smallest-program FILE');
+    process.exit(2);
+  }
+} catch (e) {
+  console.log(`error ${e.message}`);
+  process.exit(3);
+}
