@@ -9,7 +9,8 @@ namespace platform {
 class URL {
  public:
   // Returns none when `text` is not an absolute URL with a scheme and host
-  // (or a file: URL).
+  // (or a file: URL). The text form of a URL parses again to itself; it holds
+  // no control bytes or spaces and is valid UTF-8.
   static std::optional<URL> URLWithString(const std::string& text);
 
   const std::string& absoluteString() const { return absolute_; }
@@ -23,6 +24,7 @@ class URL {
 
  private:
   URL() = default;
+  static std::optional<URL> parse(const std::string& text);
   std::string absolute_;
   std::string scheme_;
   std::string host_;

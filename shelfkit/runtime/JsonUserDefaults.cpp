@@ -1,5 +1,9 @@
 #include "shelfkit/runtime/JsonUserDefaults.h"
 
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -59,8 +63,17 @@ namespace platform {
 std::optional<int64_t> UserDefaults::integerForKey(const std::string& key) const {
   auto value = objectForKey(key);
   if (!value) return std::nullopt;
+  constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+  if (value->is_number_unsigned()) return static_cast<int64_t>(std::min<uint64_t>(value->get<uint64_t>(), kMax));
   if (value->is_number_integer()) return value->get<int64_t>();
-  if (value->is_number_float()) return static_cast<int64_t>(value->get<double>());
+  if (value->is_number_float()) {
+    // A value beyond the 64-bit range (a hand-edited file) is clamped, not cast.
+    const double number = value->get<double>();
+    if (std::isnan(number)) return std::nullopt;
+    if (number >= 9223372036854775807.0) return kMax;
+    if (number <= -9223372036854775808.0) return std::numeric_limits<int64_t>::min();
+    return static_cast<int64_t>(number);
+  }
   if (value->is_boolean()) return value->get<bool>() ? 1 : 0;
   if (value->is_string()) return std::strtoll(value->get<std::string>().c_str(), nullptr, 10);
   return std::nullopt;

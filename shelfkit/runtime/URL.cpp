@@ -2,7 +2,10 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <memory>
+
+#include "module/platform/Text.h"
 
 namespace platform {
 namespace {
@@ -22,6 +25,25 @@ std::string part(CURLU* url, CURLUPart which, unsigned flags = 0) {
 }  // namespace
 
 std::optional<URL> URL::URLWithString(const std::string& text) {
+  // libcurl decodes a percent-encoded host, so its text form may read
+  // differently a second time; parse again until it stands still.
+  auto url = parse(text);
+  for (int round = 0; url && round < 3; ++round) {
+    auto again = parse(url->absolute_);
+    if (again && again->absolute_ == url->absolute_) {
+      // Kept as text in records and shown to users: no control bytes, valid UTF-8.
+      const bool printable = std::none_of(url->absolute_.begin(), url->absolute_.end(), [](char c) {
+        return static_cast<unsigned char>(c) <= 0x20 || c == 0x7f;
+      });
+      if (!printable || !isValidUTF8(url->absolute_)) return std::nullopt;
+      return url;
+    }
+    url = std::move(again);
+  }
+  return std::nullopt;
+}
+
+std::optional<URL> URL::parse(const std::string& text) {
   if (text.empty() || text.find('\0') != std::string::npos) return std::nullopt;
   std::unique_ptr<CURLU, UrlDeleter> handle(curl_url());
   if (!handle) return std::nullopt;

@@ -193,6 +193,10 @@ TEST(URL, ParsesAbsoluteURLsAndRefusesOthers) {
       {"", false, "", "", ""},
       {"http://", false, "", "", ""},
       {"not a url", false, "", "", ""},
+      // A percent-encoded host is decoded: the result must read the same again.
+      {"http://a%7Fb/", false, "", "", ""},
+      {"http://a%AFb/", false, "", "", ""},
+      {"http://%33/x", true, "0.0.0.3", "/x", "x"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
@@ -202,6 +206,7 @@ TEST(URL, ParsesAbsoluteURLsAndRefusesOthers) {
     EXPECT_EQ(url->host(), c.host);
     EXPECT_EQ(url->path(), c.path);
     EXPECT_EQ(url->lastPathComponent(), c.last);
+    EXPECT_EQ(platform::URL::URLWithString(url->absoluteString())->absoluteString(), url->absoluteString());
   }
 }
 

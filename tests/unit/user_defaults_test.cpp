@@ -55,6 +55,8 @@ TEST_F(UserDefaultsTest, TypedReadsFollowTheStoredObject) {
       {5, 5, true},         {0, 0, false},         {true, 1, true},        {false, 0, false},
       {"7", 7, true},       {"YES", 0, true},      {"no", 0, false},       {2.9, 2, true},
       {nullptr, std::nullopt, std::nullopt},       {nlohmann::json::array(), std::nullopt, std::nullopt},
+      // Beyond 64 bits (a hand-edited file): clamped.
+      {1e300, INT64_MAX, true}, {-1e300, INT64_MIN, true}, {18446744073709551615ULL, INT64_MAX, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.stored.dump());
