@@ -2,8 +2,7 @@
 # Set-up, then build everything under AddressSanitizer and UndefinedBehaviorSanitizer
 # and run every test: the fuzz targets briefly on their corpus (built with clang
 # for libFuzzer), the GoogleTest programs, the browser tests and the short kill
-# soak. scripts/tsan.sh runs every test program under ThreadSanitizer; it is
-# kept apart because it doubles the build time on a 2-core machine.
+# soak; then every test program again, whole, under ThreadSanitizer.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 "$here/scripts/setup.sh"
@@ -18,3 +17,4 @@ cmake --build "$build/fuzz" -j "$jobs"
 (cd "$build/fuzz" && ctest --output-on-failure)
 cd "$build"
 ctest --output-on-failure -j "$jobs" --timeout 600
+BUILD_DIR="$build-tsan" "$here/scripts/tsan.sh"
