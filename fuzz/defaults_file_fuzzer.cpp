@@ -21,15 +21,7 @@
 
 #include "module/platform/Log.h"
 #include "shelfkit/runtime/JsonUserDefaults.h"
-
-// Names the broken invariant, then traps.
-#define CHECK(cond)                                                            \
-  do {                                                                         \
-    if (!(cond)) {                                                             \
-      std::fprintf(stderr, "invariant broken at line %d: %s\n", __LINE__, #cond); \
-      __builtin_trap();                                                        \
-    }                                                                          \
-  } while (0)
+#include "fuzz/FuzzCheck.h"
 
 namespace {
 

@@ -9,15 +9,7 @@
 
 #include "module/core/DFDownloadOperation.h"
 #include "module/platform/KeyedArchive.h"
-
-// Names the broken invariant, then traps.
-#define CHECK(cond)                                                            \
-  do {                                                                         \
-    if (!(cond)) {                                                             \
-      std::fprintf(stderr, "invariant broken at line %d: %s\n", __LINE__, #cond); \
-      __builtin_trap();                                                        \
-    }                                                                          \
-  } while (0)
+#include "fuzz/FuzzCheck.h"
 
 namespace {
 

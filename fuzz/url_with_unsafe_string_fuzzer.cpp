@@ -7,15 +7,7 @@
 
 #include "module/platform/URL.h"
 #include "module/platform/ui/Formatting.h"
-
-// Names the broken invariant, then traps.
-#define CHECK(cond)                                                            \
-  do {                                                                         \
-    if (!(cond)) {                                                             \
-      std::fprintf(stderr, "invariant broken at line %d: %s\n", __LINE__, #cond); \
-      __builtin_trap();                                                        \
-    }                                                                          \
-  } while (0)
+#include "fuzz/FuzzCheck.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
