@@ -39,7 +39,6 @@ DFDownloadOperationBasicDataLoader::DFDownloadOperationBasicDataLoader(
 DFDownloadOperationBasicDataLoader::~DFDownloadOperationBasicDataLoader() { cancel(); }
 
 void DFDownloadOperationBasicDataLoader::start() {
-  reconcileTemporaryFile();
   // A transfer that ended before its file could be placed (a full disk, say)
   // needs no request: it completes again at once.
   const auto& record = downloadOperation();
@@ -48,6 +47,7 @@ void DFDownloadOperationBasicDataLoader::start() {
     downloadOperationCompleteWithError(std::nullopt);
     return;
   }
+  reconcileTemporaryFile();
   auto configuration = platform::URLSessionConfiguration::backgroundSessionConfigurationWithIdentifier(
       platform::newUUIDString());
   configuration.networkServiceType = platform::NetworkServiceType::Background;
@@ -56,15 +56,19 @@ void DFDownloadOperationBasicDataLoader::start() {
   createNextTask();
 }
 
-// Makes the temporary file agree with position before appending to it: bytes
-// past position (appended before a crash could save the new position) are cut
-// off, and a shorter file (data lost with the disk cache) moves position back.
+// Makes the temporary file agree with what the next request continues. A file
+// fetched in one request from its start begins from an empty file. Otherwise
+// bytes past position (appended before a crash could save the new position)
+// are cut off, and a shorter file (data lost with the disk cache) moves
+// position back.
 void DFDownloadOperationBasicDataLoader::reconcileTemporaryFile() {
   const auto& record = downloadOperation();
-  if (!record->partialDownloading()) return;
   struct stat st;
-  int64_t length = ::stat(tmpFilePath().c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : 0;
-  if (length > record->position()) {
+  const int64_t length = ::stat(tmpFilePath().c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : 0;
+  if (nextChunkRange().location == 0) {
+    if (length > 0) ::unlink(tmpFilePath().c_str());
+    record->setPosition(0);
+  } else if (length > record->position()) {
     if (::truncate(tmpFilePath().c_str(), record->position()) != 0) {
       record->setPosition(0);
       ::unlink(tmpFilePath().c_str());
