@@ -1,8 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <sstream>
+
+#include "module/platform/MIMETypes.h"
 #include "module/platform/Text.h"
 #include "module/probe/DFDownloadOperationInfoLoader.h"
 #include "module/probe/DFFilenameRules.h"
+#include "shelfkit/runtime/MimeTypeTable.h"
 
 namespace {
 
@@ -27,6 +32,7 @@ TEST(FilenameRules, ContentDisposition) {
       {"attachment; filename*=UTF-8''bad%zz.txt", std::nullopt},            // malformed escape
       {"attachment; filename*=UTF-8''%FF%FE.txt", std::nullopt},            // not UTF-8
       {"attachment; filename=\"plain.txt\"; filename*=UTF-8''ext.txt", "plain.txt"},  // first one wins
+      {"attachment; filename=a.txt; filename*=UTF-8''b.txt", "a.txt"},                  // also unquoted
       {"attachment; filename*=UTF-8''ext.txt; filename=\"plain.txt\"", "ext.txt"},
       {"attachment; FileName=\"x.txt\"", std::nullopt},                     // case-sensitive prefix
       {"attachment; filenames=\"x.txt\"", "x.txt"},                         // any word starting with filename
@@ -92,6 +98,11 @@ TEST(FilenameRules, NameFromTheMIMEType) {
       {"application/pdf", "Unknown.pdf"},
       {"application/zip; charset=binary", "Unknown.zip"},
       {"application/x-unknown-to-anyone", std::nullopt},
+      {"application/octet-stream", std::nullopt},  // catch-all types name no kind of file
+      {"Application/Octet-Stream", std::nullopt},
+      {"binary/octet-stream", std::nullopt},
+      {"video/quicktime", "Unknown.mov"},          // not Debian's first-listed "qt"
+      {"video/x-matroska", "Unknown.mkv"},
       {nullptr, std::nullopt},
   };
   for (const auto& c : cases) {
@@ -100,6 +111,32 @@ TEST(FilenameRules, NameFromTheMIMEType) {
     if (c.type) headers.emplace_back("Content-Type", c.type);
     EXPECT_EQ(Loader::filenameFromMIMEType(response("http://h.test/x", headers)), c.expected);
   }
+}
+
+TEST(MimeTypeTable, BuiltInEntriesAgreeWithTheSystemFile) {
+  std::ifstream file("/etc/mime.types");
+  if (!file) GTEST_SKIP() << "no /etc/mime.types here";
+  const auto system = shelfkit::parseMimeTypes(file);
+  ASSERT_GT(system.size(), 100u);
+  std::istringstream none;
+  const auto withoutFile = shelfkit::makeMimeTypeTable(&none);
+  for (const auto& [type, extension] : shelfkit::builtInPreferredExtensions()) {
+    SCOPED_TRACE(type);
+    EXPECT_FALSE(shelfkit::isGenericMIMEType(type));
+    EXPECT_EQ(withoutFile.at(type), extension);
+    EXPECT_EQ(platform::preferredFilenameExtensionForMIMEType(type), extension);
+    auto listed = system.find(type);
+    if (listed == system.end()) continue;
+    EXPECT_NE(std::find(listed->second.begin(), listed->second.end(), extension), listed->second.end())
+        << "the system file does not list ." << extension << " for this type";
+  }
+  // The system file does list extensions for the generic binary type; none is taken.
+  EXPECT_TRUE(system.count("application/octet-stream"));
+  std::istringstream generic("application/octet-stream bin\nbinary/octet-stream dat\ntext/x-thing thing\n");
+  const auto table = shelfkit::makeMimeTypeTable(&generic);
+  EXPECT_FALSE(table.count("application/octet-stream"));
+  EXPECT_FALSE(table.count("binary/octet-stream"));
+  EXPECT_EQ(table.at("text/x-thing"), "thing");
 }
 
 TEST(FilenameRules, SizeOnlyFromTheOneByteAnswer) {
