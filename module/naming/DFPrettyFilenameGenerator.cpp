@@ -23,7 +23,21 @@ const std::unordered_set<std::string>& DFPrettyFilenameGenerator::audioFileExten
   return set;
 }
 
+namespace {
+
+std::shared_ptr<DFPrettyFilenameGenerator>& generatorForTesting() {
+  static std::shared_ptr<DFPrettyFilenameGenerator> generator;
+  return generator;
+}
+
+}  // namespace
+
+void DFPrettyFilenameGenerator::setSharedInstanceForTesting(std::shared_ptr<DFPrettyFilenameGenerator> generator) {
+  generatorForTesting() = std::move(generator);
+}
+
 std::shared_ptr<DFPrettyFilenameGenerator> DFPrettyFilenameGenerator::sharedInstance() {
+  if (auto& generator = generatorForTesting()) return generator;
   const DFMediaLibrary* library = DFMediaLibrary::shared();
   if (!library) return nullptr;
   static std::once_flag once;

@@ -20,15 +20,19 @@ class DFPrettyFilenameGenerator {
   // The shared generator, or none when the media library is not present.
   static std::shared_ptr<DFPrettyFilenameGenerator> sharedInstance();
 
+  // Replaces the shared generator until called again with null.
+  static void setSharedInstanceForTesting(std::shared_ptr<DFPrettyFilenameGenerator> generator);
+
   // A generator reading tags with `readTags` (the media library's, or a test's).
   explicit DFPrettyFilenameGenerator(TagReader readTags);
+  virtual ~DFPrettyFilenameGenerator() = default;
 
   // True iff the lower-cased extension of `filename` is an audio extension.
   bool canGeneratePrettyFilename(const std::string& filename) const;
 
   // Calls `completionBlock` with the final name: at once on the calling thread
   // when no name is attempted, otherwise on the main queue once the tags are read.
-  void generatePrettyFilenameForURL(const platform::URL& url, const std::string& filename,
+  virtual void generatePrettyFilenameForURL(const platform::URL& url, const std::string& filename,
                                     std::function<void(const std::string&)> completionBlock);
 
   static const std::unordered_set<std::string>& audioFileExtensions();

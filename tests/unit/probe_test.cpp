@@ -2,6 +2,7 @@
 
 #include <thread>
 
+#include "module/naming/DFPrettyFilenameGenerator.h"
 #include "module/platform/MainQueue.h"
 #include "module/probe/DFDownloadOperationInfoLoader.h"
 #include "tests/support/LogCapture.h"
@@ -148,6 +149,11 @@ TEST_F(ProbeTest, NameOrderAndMediaRefusal) {
        {.size = 10, .extraHeaders = {{"Content-Disposition", "attachment; filename=song.mp3"}}},
        "Downloading of media content is prohibited", std::nullopt},
       {"a media word inside the name is fine", "/d/clip.mp4.txt", {.size = 10}, std::nullopt, "clip.mp4.txt"},
+      // The generic binary type gives no name, so the suggested name decides; no extension is never media.
+      {"octet-stream without a name", "/download", {.size = 10}, std::nullopt, "download"},
+      {"octet-stream from a script", "/download.php", {.size = 10}, std::nullopt, "download.php"},
+      {"an empty disposition name falls to the path", "/e/notes.txt",
+       {.size = 10, .extraHeaders = {{"Content-Disposition", "attachment; filename="}}}, std::nullopt, "notes.txt"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -160,6 +166,32 @@ TEST_F(ProbeTest, NameOrderAndMediaRefusal) {
       EXPECT_EQ(record->size(), 0) << "a refused record is left unchanged";
     }
   }
+}
+
+TEST_F(ProbeTest, CancelAfterTheHeadStillCompletesTheNaming) {
+  // A generator that answers only when the test says so.
+  struct Deferring : DFPrettyFilenameGenerator {
+    Deferring() : DFPrettyFilenameGenerator(nullptr) {}
+    void generatePrettyFilenameForURL(const platform::URL&, const std::string& filename,
+                                      std::function<void(const std::string&)> completion) override {
+      answer = [completion, filename] { completion("Pretty " + filename); };
+    }
+    std::function<void()> answer;
+  };
+  auto generator = std::make_shared<Deferring>();
+  DFPrettyFilenameGenerator::setSharedInstanceForTesting(generator);
+  server_.setRoute("/p/song.txt", {.size = 5000});
+  auto record = DFDownloadOperation::initWithURL(*platform::URL::URLWithString(server_.url("/p/song.txt")));
+  auto delegate = std::make_shared<ProbeDelegate>();
+  auto loader = Loader::initWithDownloadOperation(record, std::nullopt, delegate);
+  EXPECT_TRUE(host_.runUntil([&] { return bool(generator->answer); }));
+  loader->cancel();
+  generator->answer();
+  DFPrettyFilenameGenerator::setSharedInstanceForTesting(nullptr);
+  EXPECT_EQ(delegate->calls, 1);
+  EXPECT_EQ(delegate->result, std::nullopt);
+  EXPECT_EQ(record->filename(), "Pretty song.txt");
+  EXPECT_EQ(record->size(), 5000);
 }
 
 TEST_F(ProbeTest, RedirectChainNamesTheFileAfterTheFinalURL) {
