@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <mutex>
-#include <set>
+#include <unordered_set>
 
 #include "module/platform/FileManager.h"
 #include "module/platform/Log.h"
@@ -54,14 +54,27 @@ std::shared_ptr<DFDownloadManager> DFDownloadManager::init() {
   auto manager = std::make_shared<DFDownloadManager>(Passkey{});
   manager->_database = platform::RecordDatabase::initWithName(kDatabaseName, 0);
   if (manager->_database) {
-    for (auto& [uniqueId, record] : manager->_database->items<DFDownloadOperation>())
-      if (!manager->finishInterruptedPlacement(record)) manager->_downloadOperations.push_back(std::move(record));
+    const auto stored = manager->_database->itemData();
+    auto decoded = platform::RecordDatabase::decodeItems<DFDownloadOperation>(stored);
+    // One listing of the temporary folder serves the placement markers and the clean-up.
+    const std::string directory = tmpFilePathForFilename("");
+    const auto listed = platform::FileManager::defaultManager()->contentsOfDirectoryAtPath(directory);
+    const std::unordered_set<std::string> names(listed.begin(), listed.end());
+    manager->_downloadOperations.reserve(decoded.size());
+    for (auto& [uniqueId, record] : decoded) {
+      if (names.count(uniqueId + kPlacementMarkerSuffix) && manager->finishInterruptedPlacement(record)) continue;
+      manager->_downloadOperations.push_back(std::move(record));
+    }
+    std::sort(manager->_downloadOperations.begin(), manager->_downloadOperations.end(),
+              [](const Record& a, const Record& b) { return a->priority() < b->priority(); });
+    std::vector<std::string> undecodable;
+    for (const auto& entry : stored)
+      if (!decoded.count(entry.first)) undecodable.push_back(entry.first);
+    manager->removeStrayTemporaryFiles(directory, listed, undecodable);
   } else {
+    // Without the database nothing tells which temporary files are wanted: all are kept.
     platform::log("download manager: no record database; the queue will not be kept");
   }
-  std::sort(manager->_downloadOperations.begin(), manager->_downloadOperations.end(),
-            [](const Record& a, const Record& b) { return a->priority() < b->priority(); });
-  manager->removeStrayTemporaryFiles();
 
   if (auto monitor = platform::NetworkMonitor::sharedInstance()) monitor->addDelegate(manager);
   manager->updateDownloads();
@@ -72,14 +85,21 @@ std::shared_ptr<DFDownloadManager> DFDownloadManager::init() {
   return manager;
 }
 
-void DFDownloadManager::removeStrayTemporaryFiles() {
+void DFDownloadManager::removeStrayTemporaryFiles(const std::string& directory, const std::vector<std::string>& listed,
+                                                  const std::vector<std::string>& undecodableIds) {
   // What an ended process left behind: files of records that are gone, and
-  // half-written markers. Only the files of queued records stay.
-  auto files = platform::FileManager::defaultManager();
-  const std::string directory = tmpFilePathForFilename("");
-  std::set<std::string> kept;
+  // half-written markers. The files of queued records stay, and so do those of
+  // stored records that cannot be read now (a later version may read them).
+  std::unordered_set<std::string> kept;
+  kept.reserve(_downloadOperations.size() + 2 * undecodableIds.size());
   for (const auto& record : _downloadOperations) kept.insert(record->uniqueId());
-  for (const auto& name : files->contentsOfDirectoryAtPath(directory))
+  for (const auto& uniqueId : undecodableIds) {
+    platform::log("download manager: keeping the temporary files of undecodable record " + uniqueId);
+    kept.insert(uniqueId);
+    kept.insert(uniqueId + kPlacementMarkerSuffix);
+  }
+  auto files = platform::FileManager::defaultManager();
+  for (const auto& name : listed)
     if (!kept.count(name)) files->removeItemAtPath(directory + name);
 }
 

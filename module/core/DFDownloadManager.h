@@ -119,13 +119,17 @@ class DFDownloadManager : public std::enable_shared_from_this<DFDownloadManager>
   std::vector<std::shared_ptr<DFDownloadOperationInfoLoader>> infoLoadersForTesting() const;
 
  private:
+  // Beside a temporary file while it is being placed: names the destination.
+  static constexpr const char* kPlacementMarkerSuffix = ".placing";
+
   std::string destinationPathForDownloadOperation(const Record& downloadOperation) const;
   // Library/DownloaderTmpFiles/<uniqueId>.placing: names the destination while a file is placed.
   static std::string placementMarkerPath(const std::string& uniqueId);
   // At start-up: true (and the record is dropped) when the record's file was
   // placed before the process ended but the record was not yet removed.
   bool finishInterruptedPlacement(const Record& downloadOperation);
-  void removeStrayTemporaryFiles();
+  void removeStrayTemporaryFiles(const std::string& directory, const std::vector<std::string>& listed,
+                                 const std::vector<std::string>& undecodableIds);
   template <class Call>
   void notifyDelegates(Call call) {
     for (const auto& delegate : _delegates.objects()) call(*delegate);

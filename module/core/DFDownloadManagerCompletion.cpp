@@ -15,7 +15,6 @@ namespace {
 
 constexpr auto kRetryDelay = std::chrono::milliseconds(10000);
 constexpr int kMaxCollisions = 100000;
-constexpr const char* kPlacementMarkerSuffix = ".placing";
 
 }  // namespace
 

@@ -34,10 +34,16 @@ class RecordDatabase {
   // decode is logged and skipped; it stays stored.
   template <class T>
   std::unordered_map<std::string, std::shared_ptr<T>> items() {
+    return decodeItems<T>(itemData());
+  }
+
+  // The same for archives already read with itemData().
+  template <class T>
+  static std::unordered_map<std::string, std::shared_ptr<T>> decodeItems(
+      const std::unordered_map<std::string, std::string>& stored) {
     std::unordered_map<std::string, std::shared_ptr<T>> decoded;
-    auto stored = itemData();
     decoded.reserve(stored.size());
-    for (auto& [uniqueId, data] : stored) {
+    for (const auto& [uniqueId, data] : stored) {
       KeyedUnarchiver coder = KeyedUnarchiver::fromData(data);
       std::shared_ptr<T> item = coder.failed() ? nullptr : T::initWithCoder(coder);
       if (!item) {

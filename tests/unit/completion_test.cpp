@@ -133,6 +133,35 @@ TEST_F(CompletionTest, AnExitBetweenPlacementAndRemovalNeitherLosesNorRepeatsThe
   EXPECT_TRUE(fs::is_empty(tmp)) << "no marker is left";
 }
 
+TEST_F(CompletionTest, StartUpKeepsTheTemporaryFilesItCannotAccountFor) {
+  // A stored row that this version cannot decode, with its partial data.
+  struct Unreadable : platform::Archivable {
+    void encodeWithCoder(platform::KeyedArchiver&) const override {}
+  };
+  const std::string unreadableId = "0E0E0E0E-0000-4000-8000-000000000000";
+  {
+    auto db = shelfkit::SqliteRecordDatabase::open(host_.layout().databasesDirectory() + "/DFDownloadManager.sqlite", 0);
+    db->insertItemWithUniqueId(unreadableId, Unreadable{});
+  }
+  const std::string tmp = host_.layout().library + "/DownloaderTmpFiles/";
+  std::ofstream(tmp + unreadableId) << "partial data";
+  std::ofstream(tmp + "0F0F0F0F-0000-4000-8000-000000000000") << "orphan";
+
+  // Without a database nothing says which files are wanted: none is removed.
+  platform::RecordDatabase::setFactory([](const std::string&, int64_t) { return nullptr; });
+  auto blind = DFDownloadManager::init();
+  EXPECT_TRUE(blind->downloadOperations().empty());
+  EXPECT_TRUE(fs::exists(tmp + unreadableId));
+  EXPECT_TRUE(fs::exists(tmp + "0F0F0F0F-0000-4000-8000-000000000000"));
+  platform::RecordDatabase::setFactory(
+      shelfkit::SqliteRecordDatabase::factoryInDirectory(host_.layout().databasesDirectory()));
+
+  auto restarted = DFDownloadManager::init();
+  EXPECT_TRUE(restarted->downloadOperations().empty());
+  EXPECT_TRUE(fs::exists(tmp + unreadableId)) << "the files of every stored id stay";
+  EXPECT_FALSE(fs::exists(tmp + "0F0F0F0F-0000-4000-8000-000000000000"));
+}
+
 TEST(SafeFilename, KeepsExtensionsAndRoomForANumber) {
   EXPECT_EQ(DFSafeFilename("report.pdf"), "report.pdf");
   EXPECT_EQ(DFSafeFilename("a\0b"), "a");  // a C string ends at NUL
