@@ -187,17 +187,20 @@ TEST_F(MediaTest, FailuresReportFailed) {
   struct Case {
     const char* name;
     std::string path;
+    const char* filename;
+    const char* outputFilename;
   } cases[] = {
-      {"missing playlist", "/nothing.m3u8"},
-      {"not media at all", "/text.m3u8"},
-      {"segment on the local disk", "/file_segment/evil.m3u8"},
+      {"missing playlist, a name without an extension", "/nothing.m3u8", "stream", "stream.mov"},
+      {"not media at all", "/text.m3u8", "x.m3u8", "x.mov"},
+      {"segment on the local disk", "/file_segment/evil.m3u8", "x.m3u8", "x.mov"},
   };
   server_.setRoute("/text.m3u8", {.body = "hello, this is not a playlist", .mimeType = "text/plain"});
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     probe_ = std::make_shared<LoaderProbe>();
-    auto r = record(c.path, "x.m3u8");
+    auto r = record(c.path, c.filename);
     auto loader = start(r);
+    EXPECT_EQ(r->outputFilename(), c.outputFilename);
     ASSERT_TRUE(finish());
     EXPECT_EQ(probe_->lastError, "Failed");
     EXPECT_EQ(r->position(), 0);

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "module/core/DFDownloadManager.h"
 #include "module/platform/MediaLibraryProbe.h"
 #include "module/platform/UserDefaults.h"
@@ -19,6 +21,9 @@ class FakeLoader : public DFDownloadOperationDataLoader {
   using DFDownloadOperationDataLoader::DFDownloadOperationDataLoader;
   void fail() {
     if (auto d = delegate()) d->downloadOperationDataLoader(*this, std::string("Failed"));
+  }
+  void succeed() {
+    if (auto d = delegate()) d->downloadOperationDataLoader(*this, std::nullopt);
   }
 };
 
@@ -66,9 +71,18 @@ class SchedulingTest : public ::testing::Test {
 TEST_F(SchedulingTest, LimitStartsTheEarliestAndACompletionStartsTheNext) {
   auto manager = managerWithActiveRecords(5);
   EXPECT_EQ(running(*manager), (std::vector<std::string>{"f0", "f1", "f2"}));
-  manager->removeDownloadOperation(manager->downloadOperations()[1]);
-  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"stopped f1", "removed f1", "started f3"}));
-  EXPECT_EQ(running(*manager), (std::vector<std::string>{"f0", "f2", "f3"}));
+  journal_->take();
+  auto queue = manager->downloadOperations();
+  for (const auto& r : {queue[1], queue[2]})
+    std::ofstream(DFDownloadManager::tmpFilePathForFilename(r->uniqueId())) << "done";
+  queue[1]->setSize(4);
+  queue[1]->setPosition(4);
+  loaders_["f1"]->succeed();
+  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"completed f1", "removed f1", "started f3"}));
+  // A record of unknown size has written nothing by the scheduler's count: it ends Stopped.
+  loaders_["f2"]->succeed();
+  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"stopped f2", "removed f2", "started f4"}));
+  EXPECT_EQ(running(*manager), (std::vector<std::string>{"f0", "f3", "f4"}));
 }
 
 TEST_F(SchedulingTest, LimitChangesStopTheNewestOrStartMore) {
