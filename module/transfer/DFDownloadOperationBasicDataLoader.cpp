@@ -118,9 +118,14 @@ bool DFDownloadOperationBasicDataLoader::checkRange(const std::optional<platform
 void DFDownloadOperationBasicDataLoader::addChunk(const std::string& path) {
   int in = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (in < 0) return;
-  int out = ::open(tmpFilePath().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  // Not O_APPEND: the kernel copies only into a file opened without it.
+  int out = ::open(tmpFilePath().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   if (out >= 0) {
-    platform::copyFileContents(in, out);
+    const off_t start = ::lseek(out, 0, SEEK_END);
+    if (start >= 0 && platform::copyFileContents(in, out)) {
+      const off_t end = ::lseek(out, 0, SEEK_CUR);
+      if (end > start) platform::startWriteback(out, start, end - start);
+    }
     ::close(out);
   }
   ::close(in);

@@ -1,5 +1,7 @@
 #include "module/platform/FileCopy.h"
 
+#include <fcntl.h>
+#include <sys/sendfile.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,7 +14,15 @@ bool copyFileContents(int in, int out) {
     if (n > 0) continue;
     if (n == 0) return true;
     if (errno == EINTR) continue;
-    break;  // no kernel copy here (another file system, an old kernel): through a buffer
+    break;  // no kernel copy between these two (another file system, appending): try sendfile
+  }
+  for (bool first = true;; first = false) {
+    ssize_t n = ::sendfile(out, in, nullptr, 1 << 30);
+    if (n > 0) continue;
+    if (n == 0) return true;
+    if (errno == EINTR) continue;
+    if (!first) return false;
+    break;  // not for these kinds of file: through a buffer
   }
   char buffer[1 << 16];
   for (;;) {
@@ -26,6 +36,10 @@ bool copyFileContents(int in, int out) {
       done += w;
     }
   }
+}
+
+void startWriteback(int fd, int64_t offset, int64_t length) {
+  ::sync_file_range(fd, offset, length, SYNC_FILE_RANGE_WRITE);
 }
 
 }  // namespace platform

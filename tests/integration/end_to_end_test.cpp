@@ -5,7 +5,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cmath>
 #include <csignal>
+#include <map>
 #include <thread>
 
 #include <filesystem>
@@ -59,11 +63,18 @@ TEST_F(EndToEndTest, TenDownloadsThroughFaultsEndIdenticalToTheirSources) {
     const int64_t size = i == 0 ? 50000 : 300000 + i * 70001;
     const std::string path = "/e2e/file" + std::to_string(i) + ".dat";
     files.emplace_back(path, size);
-    server_.setHandler(path, [size, i](const RecordedRequest&, int index) {
+    // The first two answers for the second chunk break off, and for the fourth
+    // chunk of every other file they are 200 with the whole file.
+    const auto chunk = static_cast<int64_t>(std::ceil(static_cast<float>(size) / 10));
+    auto seen = std::make_shared<std::map<std::string, int>>();
+    server_.setHandler(path, [size, i, chunk, seen](const RecordedRequest& request, int) {
       Behaviour b{.size = size};
-      if (i == 9) b.honourRange = false;                        // served whole, in one request
-      if (index == 2) b.dropAfterBytes = 7000;                  // the connection breaks mid-chunk
-      if (index == 4 && i % 2 == 0) b.honourRange = false;      // 200 with the whole file
+      if (i == 9) b.honourRange = false;  // served whole, in one request
+      const std::string range = request.header("Range").value_or("");
+      const int times = (*seen)[range]++;
+      if (range.starts_with("bytes=" + std::to_string(chunk) + "-") && times < 2) b.dropAfterBytes = 7000;
+      if (range.starts_with("bytes=" + std::to_string(3 * chunk) + "-") && times < 2 && i % 2 == 0)
+        b.honourRange = false;
       return b;
     });
   }
@@ -84,21 +95,26 @@ TEST_F(EndToEndTest, TenDownloadsThroughFaultsEndIdenticalToTheirSources) {
     EXPECT_TRUE(readFile(placed) == TestHttpServer::pattern(0, size)) << placed;
   }
   EXPECT_TRUE(fs::is_empty(host_.layout().library + "/DownloaderTmpFiles")) << "no temporary file is left";
-  // Eight chunked files each met a dropped connection, half of them a 200 as well.
-  EXPECT_GE(failures->stopped, 12);
+  // Eight chunked files each met a dropped connection: two faulty answers are
+  // more than read-ahead absorbs. The 200s may have been met by ranges read
+  // ahead only, and the loader then asked again.
+  EXPECT_GE(failures->stopped, 8);
 }
 
 TEST_F(EndToEndTest, ARestartedManagerResumesFromTheLastCompleteChunk) {
   const int64_t size = 2000000;  // chunks of 200000
-  bool stall = true;
-  server_.setHandler("/big.dat", [&](const RecordedRequest&, int index) {
+  std::atomic<bool> stall = true;
+  server_.setHandler("/big.dat", [&](const RecordedRequest& request, int) {
     Behaviour b{.size = size};
-    if (stall && index == 3) b.stallAtByte = 50000;  // the third chunk hangs
+    if (stall && request.header("Range") == "bytes=400000-599999") b.stallAtByte = 50000;  // the third chunk hangs
     return b;
   });
   auto manager = DFDownloadManager::init();
   manager->downloadFileWithURL(*platform::URL::URLWithString(server_.url("/big.dat")), nullptr);
-  ASSERT_TRUE(host_.runUntil([&] { return server_.requests("/big.dat").size() == 4; }, 30s));
+  ASSERT_TRUE(host_.runUntil([&] {
+    auto queue = manager->downloadOperations();
+    return queue.size() == 1 && queue[0]->actualPosition() > 400000;
+  }, 30s));
   host_.loop().runFor(200ms);
   ASSERT_EQ(manager->downloadOperations().size(), 1u);
   EXPECT_EQ(manager->downloadOperations()[0]->position(), 400000);
@@ -106,21 +122,23 @@ TEST_F(EndToEndTest, ARestartedManagerResumesFromTheLastCompleteChunk) {
   stall = false;
   server_.releaseStalls();
 
+  const size_t mark = server_.requests("/big.dat").size();
   auto restarted = DFDownloadManager::init();
   ASSERT_TRUE(host_.runUntil([&] { return restarted->downloadOperations().empty(); }, 60s));
   auto requests = server_.requests("/big.dat");
-  ASSERT_GE(requests.size(), 5u);
-  EXPECT_EQ(requests[4].header("Range"), "bytes=400000-599999");
+  ASSERT_GT(requests.size(), mark);
+  EXPECT_EQ(requests[mark].header("Range"), "bytes=400000-599999");
   EXPECT_TRUE(readFile(host_.layout().documents + "/big.dat") == TestHttpServer::pattern(0, size));
 }
 
 TEST_F(EndToEndTest, LosingTheNetworkStopsEachTransferOnceAndItsReturnResumesThem) {
   const int64_t size = 2000000;  // chunks of 200000
-  bool stall = true;
+  std::atomic<bool> stall = true;
   for (const char* name : {"/a.dat", "/b.dat", "/c.dat"})
-    server_.setHandler(name, [&](const RecordedRequest&, int index) {
+    server_.setHandler(name, [&](const RecordedRequest& request, int) {
       Behaviour b{.size = size};
-      if (stall && index == 3) b.stallAtByte = 50000;  // the third chunk hangs until the route goes
+      // The third chunk hangs until the route goes.
+      if (stall && request.header("Range") == "bytes=400000-599999") b.stallAtByte = 50000;
       return b;
     });
   auto manager = DFDownloadManager::init();
@@ -129,9 +147,8 @@ TEST_F(EndToEndTest, LosingTheNetworkStopsEachTransferOnceAndItsReturnResumesThe
   for (const char* name : {"/a.dat", "/b.dat", "/c.dat"})
     manager->downloadFileWithURL(*platform::URL::URLWithString(server_.url(name)), nullptr);
   ASSERT_TRUE(host_.runUntil([&] {
-    for (const char* name : {"/a.dat", "/b.dat", "/c.dat"})
-      if (server_.requests(name).size() < 4) return false;
-    return true;
+    auto queue = manager->downloadOperations();
+    return queue.size() == 3 && std::all_of(queue.begin(), queue.end(), [](auto& r) { return r->actualPosition() > 400000; });
   }, 30s));
   host_.loop().runFor(200ms);
   journal->take();
@@ -149,12 +166,15 @@ TEST_F(EndToEndTest, LosingTheNetworkStopsEachTransferOnceAndItsReturnResumesThe
   host_.loop().runFor(300ms);
   EXPECT_TRUE(journal->take().empty()) << "nothing starts without a route";
 
+  std::map<std::string, size_t> marks;
+  for (const char* name : {"/a.dat", "/b.dat", "/c.dat"}) marks[name] = server_.requests(name).size();
   host_.network().setState(true, true);
   ASSERT_TRUE(host_.runUntil([&] { return manager->downloadOperations().empty(); }, 60s));
   for (const char* name : {"/a.dat", "/b.dat", "/c.dat"}) {
     auto requests = server_.requests(name);
-    ASSERT_GE(requests.size(), 5u);
-    EXPECT_EQ(requests[4].header("Range"), "bytes=400000-599999") << name << ": resumed from the last complete chunk";
+    ASSERT_GT(requests.size(), marks[name]);
+    EXPECT_EQ(requests[marks[name]].header("Range"), "bytes=400000-599999")
+        << name << ": resumed from the last complete chunk";
     EXPECT_TRUE(readFile(host_.layout().documents + name) == TestHttpServer::pattern(0, size)) << name;
   }
 }

@@ -13,6 +13,7 @@
 #include "module/core/DFDownloadManager.h"
 #include "module/probe/DFContentRange.h"
 #include "module/transfer/DFDownloadOperationBasicDataLoader.h"
+#include "shelfkit/runtime/CurlURLSession.h"
 #include "tests/support/LoaderProbe.h"
 #include "tests/support/Files.h"
 #include "tests/support/TestHost.h"
@@ -49,6 +50,15 @@ class TransferTest : public ::testing::Test {
     return Loader::initWithDownloadOperation(r, tmpPath(r), probe_);
   }
   bool finish() { return host_.runUntil([&] { return probe_->completions > 0; }, 60s); }
+  size_t connections(const std::string& path) {
+    std::set<int> used;
+    for (auto& request : server_.requests(path)) used.insert(request.connection);
+    return used.size();
+  }
+  static bool byFirstByte(const std::string& a, const std::string& b) {
+    auto first = [](const std::string& range) { return std::stoll(range.substr(6)); };
+    return first(a) < first(b);
+  }
   std::vector<std::string> ranges(const std::string& path) {
     std::vector<std::string> out;
     for (auto& request : server_.requests(path)) out.push_back(request.header("Range").value_or("<none>"));
@@ -79,6 +89,7 @@ TEST_F(TransferTest, RequestsTheRangesOfEachCaseAndEndsWithTheSourceBytes) {
       {"tenths", true, 1000000, 0, chunks(0, 1000000, 100000)},
       {"resumed: the remainder", true, 1000000, 950000, {"bytes=950000-999999"}},
       {"capped at 1 MiB", true, 20000000, 0, chunks(0, 20000000, 1048576)},
+      {"tenths of 5,000,000", true, 5000000, 0, chunks(0, 5000000, 500000)},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -92,13 +103,17 @@ TEST_F(TransferTest, RequestsTheRangesOfEachCaseAndEndsWithTheSourceBytes) {
     auto loader = start(r);
     ASSERT_TRUE(finish());
     EXPECT_EQ(probe_->lastError, std::nullopt);
-    EXPECT_EQ(ranges(path), c.expected);
+    // Ranges read ahead travel on further connections, so they may arrive in
+    // another order; each is asked for once, and connections are reused.
+    auto requested = ranges(path);
+    std::sort(requested.begin(), requested.end(), byFirstByte);
+    EXPECT_EQ(requested, c.expected);
+    EXPECT_LE(connections(path), 1 + shelfkit::CurlURLSession::kMaxReadAheadDepth);
     EXPECT_EQ(r->position(), c.size);
     EXPECT_EQ(r->size(), c.size);
     EXPECT_EQ(r->actualPosition(), c.size);
     EXPECT_TRUE(readFile(tmpPath(r)) == TestHttpServer::pattern(0, c.size)) << "the file differs from the source";
     EXPECT_EQ(probe_->offMain, 0);
-    for (auto& request : server_.requests(path)) EXPECT_EQ(request.connection, server_.requests(path)[0].connection);
   }
 }
 
@@ -131,9 +146,9 @@ TEST_F(TransferTest, BadChunkAnswersFailWithoutAppending) {
 }
 
 TEST_F(TransferTest, DroppedConnectionReportsTheErrorAndKeepsThePosition) {
-  server_.setHandler("/drop", [](const RecordedRequest&, int index) {
+  server_.setHandler("/drop", [](const RecordedRequest& request, int) {
     Behaviour b{.size = 1000000};
-    if (index == 2) b.dropAfterBytes = 5000;  // the third chunk breaks off
+    if (request.header("Range") == "bytes=200000-299999") b.dropAfterBytes = 5000;  // the third chunk breaks off
     return b;
   });
   auto r = record("/drop", true, 1000000);
@@ -158,18 +173,22 @@ TEST_F(TransferTest, UnreachableServerReportsThePlatformDescription) {
 }
 
 TEST_F(TransferTest, CancelMidChunkIsSilentAndANewLoaderResumesThere) {
-  server_.setHandler("/stall", [](const RecordedRequest&, int index) {
+  // The fourth chunk stalls the first time it is asked for; later chunks are
+  // read ahead meanwhile and must be thrown away by the cancel.
+  std::atomic<int> fourth{0};
+  server_.setHandler("/stall", [&fourth](const RecordedRequest& request, int) {
     Behaviour b{.size = 1000000};
-    if (index == 3) b.stallAtByte = 40000;
+    if (request.header("Range") == "bytes=300000-399999" && fourth++ == 0) b.stallAtByte = 40000;
     return b;
   });
   auto r = record("/stall", true, 1000000);
   auto loader = start(r);
   ASSERT_TRUE(host_.runUntil([&] { return r->actualPosition() > 300000; }, 30s));
-  host_.loop().runFor(300ms);  // let progress of the stalled chunk arrive
+  host_.loop().runFor(300ms);  // let progress of the stalled chunk and the ranges after it arrive
   loader->cancel();
   EXPECT_EQ(r->position(), 300000);
   EXPECT_EQ(r->actualPosition(), 300000);
+  EXPECT_EQ(fs::file_size(tmpPath(r)), 300000u) << "nothing read ahead is appended";
   const int updatesAtCancel = probe_->updates;
   host_.loop().runFor(300ms);
   EXPECT_EQ(probe_->updates, updatesAtCancel);
@@ -177,11 +196,61 @@ TEST_F(TransferTest, CancelMidChunkIsSilentAndANewLoaderResumesThere) {
   loader.reset();
 
   server_.releaseStalls();
+  const size_t mark = server_.requests("/stall").size();
   auto resumed = start(r);
   ASSERT_TRUE(finish());
   EXPECT_EQ(probe_->lastError, std::nullopt);
-  EXPECT_EQ(ranges("/stall").at(4), "bytes=300000-399999");
+  EXPECT_EQ(ranges("/stall").at(mark), "bytes=300000-399999");
   EXPECT_TRUE(readFile(tmpPath(r)) == TestHttpServer::pattern(0, 1000000));
+}
+
+TEST_F(TransferTest, ARangeReadAheadThatGoesWrongIsAskedForAgainByTheLoader) {
+  // The fourth chunk's first answer is faulty; the loader's own request for it is served well.
+  struct Case {
+    const char* name;
+    std::function<void(Behaviour&, const RecordedRequest&)> fault;
+  } cases[] = {
+      {"the connection drops inside it", [](Behaviour& b, const RecordedRequest&) { b.dropAfterBytes = 50000; }},
+      {"200 with the whole body", [](Behaviour& b, const RecordedRequest&) { b.honourRange = false; }},
+      {"another Content-Range", [](Behaviour& b, const RecordedRequest&) { b.contentRange = "bytes 400000-499999/1000000"; }},
+      {"a longer body", [](Behaviour& b, const RecordedRequest&) { b.bodyDelta = 5000; }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = std::string("/ahead-") + std::to_string(&c - cases);
+    auto faulted = std::make_shared<std::atomic<int>>(0);
+    server_.setHandler(path, [&c, faulted](const RecordedRequest& request, int) {
+      Behaviour b{.size = 1000000};
+      if (request.header("Range") == "bytes=300000-399999" && (*faulted)++ == 0) c.fault(b, request);
+      return b;
+    });
+    auto r = record(path, true, 1000000);
+    probe_ = std::make_shared<LoaderProbe>();
+    auto loader = start(r);
+    ASSERT_TRUE(finish());
+    EXPECT_EQ(probe_->lastError, std::nullopt);
+    EXPECT_TRUE(readFile(tmpPath(r)) == TestHttpServer::pattern(0, 1000000));
+    auto requested = ranges(path);
+    EXPECT_EQ(std::count(requested.begin(), requested.end(), "bytes=300000-399999"), 2)
+        << "the faulty answer came to a range read ahead, and the loader asked again";
+    EXPECT_EQ(std::set<std::string>(requested.begin(), requested.end()).size(), 10u);
+  }
+}
+
+TEST_F(TransferTest, AServerThatClosesTheExtraConnectionsIsServedOnOne) {
+  server_.setHandler("/one", [](const RecordedRequest& request, int) {
+    Behaviour b{.size = 2000000};
+    if (request.connection != 0) b.dropAfterBytes = 0;
+    return b;
+  });
+  auto r = record("/one", true, 2000000);
+  auto loader = start(r);
+  ASSERT_TRUE(finish());
+  EXPECT_EQ(probe_->lastError, std::nullopt);
+  EXPECT_TRUE(readFile(tmpPath(r)) == TestHttpServer::pattern(0, 2000000));
+  auto requested = ranges("/one");
+  EXPECT_LE(requested.size(), 10u + 1 + shelfkit::CurlURLSession::kMaxReadAheadDepth)
+      << "read-ahead stops at its first failure";
 }
 
 TEST_F(TransferTest, ReconcilesTheTemporaryFileWithThePositionBeforeResuming) {
@@ -307,6 +376,64 @@ TEST(ContentRange, ParsesFourPiecesOnly) {
     if (range) {
       EXPECT_EQ((std::array<int64_t, 3>{range->first, range->last, range->total}), *c.expected);
     }
+  }
+}
+
+TEST(ReadAhead, KeepsOnlyExactAnswersAndEnoughRangesForTheLink) {
+  using shelfkit::ByteRange;
+  struct ContentRangeCase {
+    const char* value;
+    std::optional<std::array<uint64_t, 3>> expected;
+  } contentRanges[] = {
+      {"bytes 0-99999/1000000", std::array<uint64_t, 3>{0, 99999, 1000000}},
+      {"bytes 0-99999/*", std::nullopt},         // a total is needed to read ahead
+      {"bytes 0-1000000/1000000", std::nullopt},  // past the total
+      {"bytes 99-0/1000", std::nullopt},
+      {"bytes  0-9/10", std::nullopt},
+      {"bytes 0-9/10x", std::nullopt},
+      {"bytes -9/10", std::nullopt},
+  };
+  for (const auto& c : contentRanges) {
+    SCOPED_TRACE(c.value);
+    auto parsed = shelfkit::parseExactContentRange(c.value);
+    ASSERT_EQ(parsed.has_value(), c.expected.has_value());
+    if (parsed) {
+      EXPECT_EQ((std::array<uint64_t, 3>{parsed->range.first, parsed->range.last, parsed->total}), *c.expected);
+    }
+  }
+
+  struct RangeCase {
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::optional<ByteRange> expected;
+  } requests[] = {
+      {{{"Range", "bytes=100-199"}}, ByteRange{100, 199}},
+      {{{"range", "bytes=0-0"}}, ByteRange{0, 0}},
+      {{{"Range", "bytes=0-"}}, std::nullopt},  // open: the whole rest of the file
+      {{{"Range", "bytes=0-9,20-29"}}, std::nullopt},
+      {{{"Range", "bytes=0-9"}, {"Range", "bytes=0-9"}}, std::nullopt},
+      {{}, std::nullopt},
+  };
+  for (const auto& c : requests) {
+    platform::URLRequest request(*platform::URL::URLWithString("http://h.test/f"));
+    request.headers = c.headers;
+    EXPECT_EQ(shelfkit::boundedRangeOfRequest(request), c.expected);
+  }
+
+  using namespace std::chrono;
+  struct DepthCase {
+    const char* name;
+    duration<double> roundTrip;
+    double bytesPerSecond;
+    size_t expected;
+  } depths[] = {
+      {"loopback: one ahead hides the hand-over", microseconds(100), 1e9, 2},
+      {"50 ms at 100 Mbit/s carries half a chunk per round trip", milliseconds(50), 12.5e6, 2},
+      {"50 ms at 1 Gbit/s would want seven", milliseconds(50), 125e6, 4},
+      {"nothing measured yet", milliseconds(50), 0, 1},
+  };
+  for (const auto& c : depths) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(shelfkit::readAheadDepth(c.roundTrip, c.bytesPerSecond, 1048576, 4), c.expected);
   }
 }
 
