@@ -7,6 +7,7 @@ bench_build() {  # targets...
   local missing=()
   command -v nginx >/dev/null || missing+=(nginx)
   command -v curl >/dev/null || missing+=(curl)
+  command -v aria2c >/dev/null || missing+=(aria2)
   [[ -x /usr/bin/time ]] || missing+=(time)
   if ((${#missing[@]})); then
     local sudo=""; [[ $(id -u) -eq 0 ]] || sudo="sudo"
