@@ -22,6 +22,7 @@ struct CurlEngine::Transfer {
   std::vector<std::pair<std::string, std::string>> fields;
   bool headDelivered = false;
   bool endedAfterHead = false;
+  bool drainBody = false;  // the head was all that was wanted; a short body is read and dropped
 };
 
 namespace {
@@ -29,6 +30,9 @@ namespace {
 constexpr long kMaxRedirects = 16;
 constexpr long kTimeoutSeconds = 60;       // connect, and longest stretch without a byte
 constexpr long kReceiveBufferSize = 256 * 1024;
+// A body this short is read past rather than cut off, so that its connection
+// stays open for the next request (a probe's one byte, say).
+constexpr int64_t kDrainLimit = 64 * 1024;
 
 std::string trim(const char* begin, const char* end) {
   while (begin < end && (*begin == ' ' || *begin == '\t')) ++begin;
@@ -175,6 +179,11 @@ size_t CurlEngine::headerCallback(char* data, size_t size, size_t count, void* u
     platform::HTTPURLResponse response(*url, t->status, t->fields);
     if (!t->callbacks.onResponse(response)) {
       t->endedAfterHead = true;
+      const int64_t bodyLength = response.expectedContentLength();
+      if (bodyLength >= 0 && bodyLength <= kDrainLimit && !response.valueForHTTPHeaderField("Transfer-Encoding")) {
+        t->drainBody = true;
+        return length;
+      }
       return 0;  // libcurl stops the transfer: nothing of the body is read
     }
     return length;
@@ -190,6 +199,7 @@ size_t CurlEngine::headerCallback(char* data, size_t size, size_t count, void* u
 size_t CurlEngine::writeCallback(char* data, size_t size, size_t count, void* user) {
   auto* t = static_cast<Transfer*>(user);
   const size_t length = size * count;
+  if (t->drainBody) return length;
   if (t->callbacks.onBody && !t->callbacks.onBody(data, length)) return 0;
   return length;
 }

@@ -28,7 +28,9 @@ class CurlDownloadTask;
 
 class CurlURLSession : public platform::URLSession, public std::enable_shared_from_this<CurlURLSession> {
  public:
-  static constexpr size_t kMaxReadAheadDepth = 4;
+  // At most this many ranges ahead (each at most 16 MiB, in practice the
+  // loader's 1 MiB chunks): memory and connections to one server stay bounded.
+  static constexpr size_t kMaxReadAheadDepth = 16;
 
   // Bodies of open-ended requests are written to files in `downloadDirectory`;
   // bounded ranges are kept in memory.

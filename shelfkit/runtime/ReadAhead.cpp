@@ -58,8 +58,12 @@ size_t readAheadDepth(std::chrono::duration<double> roundTrip, double bytesPerSe
                       size_t maxDepth) {
   if (maxDepth == 0) return 0;
   if (chunk == 0 || !(bytesPerSecond > 0) || !(roundTrip.count() >= 0)) return 1;
-  const double ranges = std::ceil(roundTrip.count() * bytesPerSecond / static_cast<double>(chunk));
-  return static_cast<size_t>(std::clamp(ranges + 1, 1.0, static_cast<double>(maxDepth)));
+  // A connection that waits a round trip before each range is busy for
+  // chunk / (chunk + roundTrip * rate) of the time; this many ranges in
+  // flight keep kStreams connections' worth of the link busy.
+  const double perStream = 1 + roundTrip.count() * bytesPerSecond / static_cast<double>(chunk);
+  const double ranges = std::ceil(kReadAheadStreams * perStream) - 1;
+  return static_cast<size_t>(std::clamp(ranges, 1.0, static_cast<double>(maxDepth)));
 }
 
 platform::URLRequest requestForRange(const platform::URLRequest& request, ByteRange range) {

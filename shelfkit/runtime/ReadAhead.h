@@ -30,10 +30,13 @@ struct ContentRangeValue {
 };
 std::optional<ContentRangeValue> parseExactContentRange(std::string_view value);
 
-// How many ranges of `chunk` bytes to request ahead so that a new request is
-// always under way while the link delivers the previous ones: one more than
-// the ranges one round trip would carry at the measured per-connection rate,
-// within [1, maxDepth].
+// How many ranges of `chunk` bytes to request ahead of the one asked for so
+// that the link carries as much as kReadAheadStreams continuous streams
+// would: a connection sits idle for a round trip before every range, so each
+// stream takes 1 + roundTrip * rate / chunk ranges in flight. Where
+// connections share one bottleneck, the measured per-connection rate falls as
+// they multiply, and the depth with it. Within [1, maxDepth].
+inline constexpr double kReadAheadStreams = 4;
 size_t readAheadDepth(std::chrono::duration<double> roundTrip, double bytesPerSecond, uint64_t chunk,
                       size_t maxDepth);
 

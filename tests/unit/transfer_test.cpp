@@ -426,14 +426,14 @@ TEST(ReadAhead, KeepsOnlyExactAnswersAndEnoughRangesForTheLink) {
     double bytesPerSecond;
     size_t expected;
   } depths[] = {
-      {"loopback: one ahead hides the hand-over", microseconds(100), 1e9, 2},
-      {"50 ms at 100 Mbit/s carries half a chunk per round trip", milliseconds(50), 12.5e6, 2},
-      {"50 ms at 1 Gbit/s would want seven", milliseconds(50), 125e6, 4},
+      {"loopback: a round trip costs little", microseconds(100), 1e9, 4},
+      {"50 ms at 100 Mbit/s carries 0.6 chunks per round trip", milliseconds(50), 12.5e6, 6},
+      {"50 ms at 1 Gbit/s would want 27", milliseconds(50), 125e6, 16},
       {"nothing measured yet", milliseconds(50), 0, 1},
   };
   for (const auto& c : depths) {
     SCOPED_TRACE(c.name);
-    EXPECT_EQ(shelfkit::readAheadDepth(c.roundTrip, c.bytesPerSecond, 1048576, 4), c.expected);
+    EXPECT_EQ(shelfkit::readAheadDepth(c.roundTrip, c.bytesPerSecond, 1048576, 16), c.expected);
   }
 }
 
