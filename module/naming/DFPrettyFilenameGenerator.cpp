@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "module/platform/MainQueue.h"
+#include "module/platform/MediaLibraryProbe.h"
 #include "module/platform/Text.h"
 #include "module/probe/DFFilenameRules.h"
 
@@ -38,13 +39,17 @@ void DFPrettyFilenameGenerator::setSharedInstanceForTesting(std::shared_ptr<DFPr
 
 std::shared_ptr<DFPrettyFilenameGenerator> DFPrettyFilenameGenerator::sharedInstance() {
   if (auto& generator = generatorForTesting()) return generator;
-  const DFMediaLibrary* library = DFMediaLibrary::shared();
-  if (!library) return nullptr;
+  // The media library is loaded when tags are first read, not by every
+  // probe that asks for the generator.
+  if (!platform::MediaLibraryProbe::isPresent()) return nullptr;
   static std::once_flag once;
   static std::shared_ptr<DFPrettyFilenameGenerator>* instance = nullptr;  // lives as long as the process
-  std::call_once(once, [library] {
+  std::call_once(once, [] {
     instance = new std::shared_ptr<DFPrettyFilenameGenerator>(
-        std::make_shared<DFPrettyFilenameGenerator>(library->readAudioTags));
+        std::make_shared<DFPrettyFilenameGenerator>([](const std::string& url) -> std::optional<DFAudioTags> {
+          const DFMediaLibrary* library = DFMediaLibrary::shared();
+          return library ? library->readAudioTags(url) : std::nullopt;
+        }));
   });
   return *instance;
 }

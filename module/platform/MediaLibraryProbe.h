@@ -7,7 +7,8 @@ namespace platform {
 
 class MediaLibraryProbe {
  public:
-  // True iff FFmpeg's libraries can be loaded and media is not switched off
+  // True iff FFmpeg's libraries are installed where the dynamic linker looks
+  // (they are not loaded to find out) and media is not switched off
   // (setEnabled(false), or SHELF_NO_MEDIA=1 in the environment).
   static bool isPresent();
   // The host's --no-media, and tests.
