@@ -14,6 +14,7 @@ constexpr auto kSharedInstanceDelay = std::chrono::seconds(10);
 constexpr auto kRetryTimerInterval = std::chrono::seconds(30);
 constexpr const char* kDatabaseName = "DFDownloadManager";
 constexpr const char* kTmpDirectoryName = "DownloaderTmpFiles";
+constexpr std::size_t kDecodeThreads = 2;  // a large saved queue is decoded on two cores
 
 }  // namespace
 
@@ -55,13 +56,14 @@ std::shared_ptr<DFDownloadManager> DFDownloadManager::init() {
   manager->_database = platform::RecordDatabase::initWithName(kDatabaseName, 0);
   if (manager->_database) {
     const auto stored = manager->_database->itemData();
-    auto decoded = platform::RecordDatabase::decodeItems<DFDownloadOperation>(stored);
+    auto decoded = platform::RecordDatabase::decodeItems<DFDownloadOperation>(stored, kDecodeThreads);
     // One listing of the temporary folder serves the placement markers and the clean-up.
     const std::string directory = tmpFilePathForFilename("");
     const auto listed = platform::FileManager::defaultManager()->contentsOfDirectoryAtPath(directory);
     const std::unordered_set<std::string> names(listed.begin(), listed.end());
     manager->_downloadOperations.reserve(decoded.size());
     for (auto& [uniqueId, record] : decoded) {
+      record->setStoredArchiveVersion(record->archiveVersion());
       if (names.count(uniqueId + kPlacementMarkerSuffix) && manager->finishInterruptedPlacement(record)) continue;
       manager->_downloadOperations.push_back(std::move(record));
     }
@@ -129,9 +131,16 @@ bool DFDownloadManager::downloadOperationInProgress(const Record& downloadOperat
                      [&](const auto& loader) { return loader->downloadOperation() == downloadOperation; });
 }
 
+void DFDownloadManager::storeDownloadOperation(const Record& downloadOperation) {
+  if (!_database) return;
+  // The version is read first: a change made while the archive is written counts as unsaved.
+  downloadOperation->setStoredArchiveVersion(downloadOperation->archiveVersion());
+  _database->updateItemWithUniqueId(downloadOperation->uniqueId(), *downloadOperation);
+}
+
 void DFDownloadManager::updateDownloadOperation(const Record& downloadOperation) {
   DCHECK_ON_MAIN();
-  if (_database) _database->updateItemWithUniqueId(downloadOperation->uniqueId(), *downloadOperation);
+  storeDownloadOperation(downloadOperation);
   notifyDelegates([&](DFDownloadManagerDelegate& d) { d.downloadOperationChanged(*this, downloadOperation); });
 }
 

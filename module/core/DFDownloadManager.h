@@ -122,6 +122,8 @@ class DFDownloadManager : public std::enable_shared_from_this<DFDownloadManager>
   // Beside a temporary file while it is being placed: names the destination.
   static constexpr const char* kPlacementMarkerSuffix = ".placing";
 
+  // Writes the record's archive to the database and remembers it is current.
+  void storeDownloadOperation(const Record& downloadOperation);
   std::string destinationPathForDownloadOperation(const Record& downloadOperation) const;
   // Library/DownloaderTmpFiles/<uniqueId>.placing: names the destination while a file is placed.
   static std::string placementMarkerPath(const std::string& uniqueId);

@@ -97,11 +97,17 @@ void DFDownloadManager::downloadOperationInfoLoader(DFDownloadOperationInfoLoade
     return;
   }
   record->setActive(true);
-  if (_database) _database->insertItemWithUniqueId(record->uniqueId(), *record);
+  if (_database) {
+    record->setStoredArchiveVersion(record->archiveVersion());
+    _database->insertItemWithUniqueId(record->uniqueId(), *record);
+  }
   _downloadOperations.push_back(record);
+  // Every record is renumbered and rewritten; one whose stored archive is
+  // current would be written unchanged, so it is skipped.
   for (size_t i = 0; i < _downloadOperations.size(); ++i) {
-    _downloadOperations[i]->setPriority(static_cast<int64_t>(i));
-    if (_database) _database->updateItemWithUniqueId(_downloadOperations[i]->uniqueId(), *_downloadOperations[i]);
+    const Record& r = _downloadOperations[i];
+    r->setPriority(static_cast<int64_t>(i));
+    if (r->storedArchiveVersion() != r->archiveVersion()) storeDownloadOperation(r);
   }
   notifyDelegates([&](DFDownloadManagerDelegate& d) { d.downloadOperationAdded(*this, record); });
   updateDownloads();

@@ -1,14 +1,18 @@
 // The host's persistent store of keyed archives by unique id.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "module/platform/KeyedArchive.h"
 #include "module/platform/Log.h"
+#include "module/platform/OperationQueue.h"
 
 namespace platform {
 
@@ -37,20 +41,41 @@ class RecordDatabase {
     return decodeItems<T>(itemData());
   }
 
-  // The same for archives already read with itemData().
+  // The same for archives already read with itemData(), shared out over
+  // `threads` threads when there are many (a large queue loads at start-up).
   template <class T>
   static std::unordered_map<std::string, std::shared_ptr<T>> decodeItems(
-      const std::unordered_map<std::string, std::string>& stored) {
+      const std::unordered_map<std::string, std::string>& stored, std::size_t threads = 1) {
+    std::vector<const std::pair<const std::string, std::string>*> entries;
+    entries.reserve(stored.size());
+    for (const auto& entry : stored) entries.push_back(&entry);
+    std::vector<std::shared_ptr<T>> items(entries.size());
+    auto decodeRange = [&](std::size_t from, std::size_t to) {
+      for (std::size_t i = from; i < to; ++i) {
+        KeyedUnarchiver coder = KeyedUnarchiver::fromData(entries[i]->second);
+        if (!coder.failed()) items[i] = T::initWithCoder(coder);
+      }
+    };
+    constexpr std::size_t kPerThreadAtLeast = 1000;
+    threads = std::max<std::size_t>(1, std::min(threads, entries.size() / kPerThreadAtLeast));
+    const std::size_t share = (entries.size() + threads - 1) / threads;
+    if (threads > 1) {
+      auto helpers = OperationQueue::create(threads - 1);
+      for (std::size_t t = 1; t < threads; ++t)
+        helpers->addOperation([&, t] { decodeRange(t * share, std::min(entries.size(), (t + 1) * share)); });
+      decodeRange(0, share);
+      helpers->waitUntilAllOperationsAreFinished();
+    } else {
+      decodeRange(0, entries.size());
+    }
     std::unordered_map<std::string, std::shared_ptr<T>> decoded;
-    decoded.reserve(stored.size());
-    for (const auto& [uniqueId, data] : stored) {
-      KeyedUnarchiver coder = KeyedUnarchiver::fromData(data);
-      std::shared_ptr<T> item = coder.failed() ? nullptr : T::initWithCoder(coder);
-      if (!item) {
-        log("record database: skipping item " + uniqueId + ": its archive cannot be decoded");
+    decoded.reserve(entries.size());
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      if (!items[i]) {
+        log("record database: skipping item " + entries[i]->first + ": its archive cannot be decoded");
         continue;
       }
-      decoded.emplace(uniqueId, std::move(item));
+      decoded.emplace(entries[i]->first, std::move(items[i]));
     }
     return decoded;
   }

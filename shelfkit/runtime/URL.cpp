@@ -27,10 +27,12 @@ std::string part(CURLU* url, CURLUPart which, unsigned flags = 0) {
 std::optional<URL> URL::URLWithString(const std::string& text) {
   // libcurl decodes a percent-encoded host, so its text form may read
   // differently a second time; parse again until it stands still.
+  // Parsing depends on the text alone, so the first text that comes back
+  // unchanged (as every stored address does, at once) stands still.
+  std::string previous = text;
   auto url = parse(text);
-  for (int round = 0; url && round < 3; ++round) {
-    auto again = parse(url->absolute_);
-    if (again && again->absolute_ == url->absolute_) {
+  for (int round = 0; url && round < 4; ++round) {
+    if (url->absolute_ == previous) {
       // Kept as text in records and shown to users: no control bytes, valid UTF-8.
       const bool printable = std::none_of(url->absolute_.begin(), url->absolute_.end(), [](char c) {
         return static_cast<unsigned char>(c) <= 0x20 || c == 0x7f;
@@ -38,7 +40,8 @@ std::optional<URL> URL::URLWithString(const std::string& text) {
       if (!printable || !isValidUTF8(url->absolute_)) return std::nullopt;
       return url;
     }
-    url = std::move(again);
+    previous = url->absolute_;
+    url = parse(previous);
   }
   return std::nullopt;
 }

@@ -99,12 +99,24 @@ TEST_F(IntakeTest, AdditionsJoinTheBackAndTheQueueIsRenumbered) {
   EXPECT_EQ(observer->priorities, (std::vector<int64_t>{0, 1, 2}));
   EXPECT_EQ(host_.ads().requests, 3);
 
-  // A restart finds the same queue in the same order.
+  // A removal leaves a gap that the next addition closes, and that addition
+  // also stores a change no one saved yet.
+  manager_->removeDownloadOperation(queue[0]);
+  queue[2]->setPosition(7);
+  ASSERT_TRUE(wait(add(server_.url("/files/a.zip"))));
+  queue = manager_->downloadOperations();
+  ASSERT_EQ(queue.size(), 3u);
+
+  // A restart finds the same queue in the same order, as it was last.
   manager_.reset();
   auto restarted = DFDownloadManager::init();
   auto again = restarted->downloadOperations();
   ASSERT_EQ(again.size(), 3u);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(again[i]->uniqueId(), queue[i]->uniqueId());
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(again[i]->uniqueId(), queue[i]->uniqueId());
+    EXPECT_EQ(again[i]->priority(), i);
+  }
+  EXPECT_EQ(again[1]->position(), 7);
   restarted->setDownloadsPermitted(false);
 }
 
