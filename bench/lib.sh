@@ -74,3 +74,26 @@ median() {  # numbers on stdin
 
 now_s() { date +%s.%N; }
 calc() { awk "BEGIN { printf \"%.6f\", $* }"; }
+
+# emulator_start WORKDIR OPTIONS...: link_emulator in front of nginx on $NGINX_PORT;
+# sets EMU_PID and EMU_PORT. emulator_stop stops it by process id.
+EMU_PID=""
+emulator_start() {
+  local work=$1; shift
+  rm -f "$work/emulator.port"
+  "$BENCH_BUILD/bench/link_emulator" --listen-port 0 --target "127.0.0.1:$NGINX_PORT" "$@" \
+    > "$work/emulator.port" 2> "$work/emulator.log" &
+  EMU_PID=$!
+  for _ in $(seq 50); do
+    [[ -s "$work/emulator.port" ]] && { read -r EMU_PORT < "$work/emulator.port"; return 0; }
+    sleep 0.1
+  done
+  echo "link_emulator did not start" >&2
+  cat "$work/emulator.log" >&2
+  return 1
+}
+
+emulator_stop() {
+  [[ -n "$EMU_PID" ]] && kill "$EMU_PID" 2>/dev/null && wait "$EMU_PID" 2>/dev/null
+  EMU_PID=""
+}

@@ -14,29 +14,12 @@ bench_build link_emulator
 size_mib=${LINK_SIZE_MIB:-512}
 size=$((size_mib * 1024 * 1024))
 work=$(mktemp -d "${TMPDIR:-/var/tmp}/shelf-bench-link-XXXXXX")
-EMU_PID=""
-emulator_stop() {
-  [[ -n "$EMU_PID" ]] && kill "$EMU_PID" 2>/dev/null && wait "$EMU_PID" 2>/dev/null
-  EMU_PID=""
-}
 trap 'emulator_stop; nginx_stop; rm -rf "$work"' EXIT
 trap 'exit 130' INT TERM
 mkdir -p "$work/www"
 head -c "$size" /dev/urandom > "$work/www/big.dat"
 nginx_start "$work/www" "$work"
 
-emulator_start() {  # emulator options...; sets EMU_PID and EMU_PORT
-  rm -f "$work/emulator.port"
-  "$BENCH_BUILD/bench/link_emulator" --listen-port 0 --target "127.0.0.1:$NGINX_PORT" --max-seconds 1800 "$@" \
-    > "$work/emulator.port" 2> "$work/emulator.log" &
-  EMU_PID=$!
-  for _ in $(seq 50); do
-    [[ -s "$work/emulator.port" ]] && { read -r EMU_PORT < "$work/emulator.port"; return 0; }
-    sleep 0.1
-  done
-  echo "link_emulator did not start" >&2
-  return 1
-}
 
 fetch() {  # N PORT: N curls at once into /dev/null, each checked for the whole size
   local pids=() i
@@ -52,7 +35,7 @@ fetch() {  # N PORT: N curls at once into /dev/null, each checked for the whole 
 
 cpu_s() { awk '{ printf "%.2f", ($14 + $15) / 100 }' "/proc/$EMU_PID/stat"; }
 
-emulator_start --delay-ms 0 --rate-mbit 0
+emulator_start "$work" --max-seconds 1800 --delay-ms 0 --rate-mbit 0
 fetch 1 "$NGINX_PORT"; fetch 1 "$EMU_PORT"  # warm-up
 for n in 1 4 8; do
   ratios=()
@@ -70,7 +53,7 @@ for n in 1 4 8; do
 done
 emulator_stop
 
-emulator_start --delay-ms 25 --rate-mbit 1000
+emulator_start "$work" --max-seconds 1800 --delay-ms 25 --rate-mbit 1000
 fetch 1 "$EMU_PORT"  # warm-up
 ideal_s=$(calc "4 * 0.025 + $size / 125e6")
 for run in 1 2 3; do

@@ -19,36 +19,11 @@ download_timeout=300
 delay_ms=25
 
 work=$(mktemp -d "${TMPDIR:-/var/tmp}/shelf-bench-wan-XXXXXX")
-EMU_PID=""
-emulator_stop() {
-  [[ -n "$EMU_PID" ]] && kill "$EMU_PID" 2>/dev/null && wait "$EMU_PID" 2>/dev/null
-  EMU_PID=""
-}
 trap 'emulator_stop; nginx_stop; rm -rf "$work"' EXIT
 trap 'exit 130' INT TERM
 mkdir -p "$work/www" "$work/out"
 head -c $((size_mib * 1024 * 1024)) /dev/urandom > "$work/www/big.dat"
 nginx_start "$work/www" "$work"
-
-# emulator_start RATE_MBIT: link_emulator in front of nginx; sets EMU_PID and EMU_PORT.
-emulator_start() {
-  # Never outlives the bench: a bound above the worst case of one setting.
-  local bound=$(((runs + 1) * 3 * download_timeout + 60))
-  "$BENCH_BUILD/bench/link_emulator" --listen-port 0 --target "127.0.0.1:$NGINX_PORT" \
-    --delay-ms "$delay_ms" --rate-mbit "$1" --max-seconds "$bound" \
-    > "$work/emulator.port" 2> "$work/emulator.log" &
-  EMU_PID=$!
-  for _ in $(seq 50); do
-    if [[ -s "$work/emulator.port" ]]; then
-      read -r EMU_PORT < "$work/emulator.port"
-      return 0
-    fi
-    sleep 0.1
-  done
-  echo "link_emulator did not start" >&2
-  cat "$work/emulator.log" >&2
-  return 1
-}
 
 # timed TOOL URL: downloads with TOOL, checks the file, prints the wall time.
 timed() {
@@ -79,7 +54,9 @@ timed() {
 all_vs_aria2c=()
 for setting in "1g 1000" "100m 100"; do
   read -r name rate <<< "$setting"
-  emulator_start "$rate"
+  # Never outlives the bench: a bound above the worst case of one setting.
+  emulator_start "$work" --delay-ms "$delay_ms" --rate-mbit "$rate" \
+    --max-seconds $(((runs + 1) * 3 * download_timeout + 60))
   url="http://127.0.0.1:$EMU_PORT/big.dat"
   for tool in get curl aria2c; do timed "$tool" "$url" > /dev/null; done  # warm-up, discarded
   gets=() curls=() arias=() vs_curl=() vs_aria2c=()
