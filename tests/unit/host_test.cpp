@@ -208,7 +208,7 @@ class FakeConnection : public shelf::WebSocketConnection {
   explicit FakeConnection(uint64_t id) : id_(id) {}
   uint64_t id() const override { return id_; }
   void send(std::string text) override { sent.push_back(nlohmann::json::parse(text)); }
-  void close() override {}
+  void close(shelf::CloseReason reason) override { closedWith = reason; }
   std::vector<nlohmann::json> of(const std::string& type) const {
     std::vector<nlohmann::json> found;
     for (const auto& m : sent)
@@ -216,6 +216,7 @@ class FakeConnection : public shelf::WebSocketConnection {
     return found;
   }
   std::vector<nlohmann::json> sent;
+  std::optional<shelf::CloseReason> closedWith;
 
  private:
   const uint64_t id_;
