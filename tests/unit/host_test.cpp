@@ -5,12 +5,15 @@
 
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include "module/platform/DownloadService.h"
+#include "module/platform/ui/Registries.h"
 #include "shelf/host/AccessToken.h"
 #include "shelf/host/Api.h"
 #include "shelf/host/FileResolver.h"
 #include "shelf/host/HostScreens.h"
+#include "shelf/host/ServerInfo.h"
 #include "shelf/host/WebBridge.h"
 #include "tests/support/TestHost.h"
 
@@ -88,6 +91,56 @@ TEST(AccessToken, MadeOnceAndReadableByTheOwnerOnly) {
   struct stat info {};
   ASSERT_EQ(::stat((host.layout().library + "/AccessToken").c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 077, 0u);
+}
+
+TEST(ServerInfo, OnlyAWellFormedNoteIsBelieved) {
+  TestHost host;
+  const std::string path = host.layout().library + "/Server.json";
+  EXPECT_FALSE(shelf::readServerInfo(host.layout())) << "no note";
+  struct Case {
+    const char* text;
+    uint16_t port;  // 0: refused
+    const char* base;
+  } cases[] = {
+      {R"({"url": "http://127.0.0.2:8787/", "address": "127.0.0.2", "port": 8787})", 8787, "http://127.0.0.2:8787"},
+      {R"({"url": "http://127.0.0.1:80/", "port": 80})", 80, "http://127.0.0.1:80"},
+      {R"({"url": "http://localhost:9/?token=t", "address": "0.0.0.0", "port": 9})", 9, "http://127.0.0.1:9"},
+      {R"({"url": "x", "address": "::", "port": 9})", 9, "http://[::1]:9"},
+      {R"({"url": "x", "address": "fe80::1", "port": 9})", 9, "http://[fe80::1]:9"},
+      {R"({"url": "x", "address": "localhost", "port": 9})", 9, "http://127.0.0.1:9"},
+      {R"({"url": "x", "port": "abc"})", 0, ""},
+      {R"({"url": "x", "port": 70000})", 0, ""},
+      {R"({"url": "x", "port": -1})", 0, ""},
+      {R"({"url": "x", "port": 8.5})", 0, ""},
+      {R"({"url": "x", "port": 0})", 0, ""},
+      {R"({"url": "x"})", 0, ""},
+      {R"({"url": 5, "port": 9})", 0, ""},
+      {R"({"url": "x", "address": [], "port": 9})", 0, ""},
+      {R"([1, 2])", 0, ""},
+      {"not json", 0, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    std::ofstream(path) << c.text;
+    auto info = shelf::readServerInfo(host.layout());
+    ASSERT_EQ(info.has_value(), c.port != 0);
+    if (!info) continue;
+    EXPECT_EQ(info->port, c.port);
+    EXPECT_EQ(shelf::localBaseURL(*info), c.base);
+  }
+}
+
+TEST(RootLock, IsHeldOnlyWhileItsOwnerHoldsIt) {
+  TestHost host;
+  EXPECT_FALSE(shelfkit::RootLock::isHeld(host.layout()));
+  {
+    shelfkit::RootLock owner(host.layout());
+    ASSERT_TRUE(owner.held());
+    EXPECT_TRUE(shelfkit::RootLock::isHeld(host.layout()));
+    EXPECT_FALSE(shelfkit::RootLock(host.layout()).held()) << "one owner at a time";
+  }
+  EXPECT_FALSE(shelfkit::RootLock::isHeld(host.layout()));
+  EXPECT_TRUE(shelfkit::RootLock(host.layout()).held()) << "looking did not take it";
 }
 
 // A download service that keeps a list and records what it is asked.
