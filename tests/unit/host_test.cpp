@@ -275,6 +275,30 @@ class FakeConnection : public shelf::WebSocketConnection {
   const uint64_t id_;
 };
 
+// A screen of the side menu ("Probe") that counts how often it is made and the rows selected.
+class ProbeScreen : public platform::TableScreenController {
+ public:
+  ProbeScreen() : TableScreenController({0}) { ++made; }
+  int64_t numberOfRowsInSection(int64_t) override { return 3; }
+  std::shared_ptr<platform::TableViewCell> createCellForRow(int64_t, int64_t) override { return nullptr; }
+  void cellSelectedAtRow(int64_t row, int64_t) override { selected.push_back(row); }
+  static inline int made = 0;
+  static inline std::vector<int64_t> selected;
+
+  static int64_t menuIndex() {
+    static const bool registered = [] {
+      platform::SideMenuRegistry::sharedInstance()->addMenuItem(std::make_shared<platform::SideMenuEntry>(
+          "Probe", "Probe", "org.shelf.test", platform::ControllerClass::of<ProbeScreen>("ProbeScreen"), 0, 0));
+      return true;
+    }();
+    (void)registered;
+    const auto entries = platform::SideMenuRegistry::sharedInstance()->menuItems();
+    for (size_t i = 0; i < entries.size(); ++i)
+      if (entries[i]->title() == "Probe") return static_cast<int64_t>(i);
+    return -1;
+  }
+};
+
 class BridgeTest : public ::testing::Test {
  protected:
   void SetUp() override { bridge_->installPresenters(); }
@@ -289,13 +313,69 @@ class BridgeTest : public ::testing::Test {
     host_.loop().runFor(std::chrono::milliseconds(20));
     return tab;
   }
-  void say(uint64_t id, const nlohmann::json& message) {
-    bridge_->message(id, message.dump());
+  void say(uint64_t id, const nlohmann::json& message) { sayRaw(id, message.dump()); }
+  void sayRaw(uint64_t id, const std::string& text) {
+    bridge_->message(id, text);
     host_.loop().runFor(std::chrono::milliseconds(20));
   }
   TestHost host_;
   std::shared_ptr<shelf::WebBridge> bridge_ = shelf::WebBridge::create();
 };
+
+TEST_F(BridgeTest, BadFramesAreIgnoredAndTheTabGoesOn) {
+  auto tab = connect(1);
+  const nlohmann::json probe = {{"t", "menu"}, {"index", ProbeScreen::menuIndex()}};
+  say(1, probe);
+  ASSERT_EQ(tab->of("screen").size(), 1u);
+  std::vector<bool> answers;
+  platform::AlertDialog::showConfirmDialogWithTitle(std::nullopt, std::string("Sure?"), "Delete",
+                                                    [&](bool ok) { answers.push_back(ok); });
+  ASSERT_EQ(tab->of("dialog").size(), 1u);
+  const std::string dialog = tab->of("dialog")[0]["id"].dump();
+  const std::string frames[] = {
+      R"({"t":5})", R"({"t":null})", R"({"t":[]})", R"({"t":"select","row":0,"section":0,"selected":"yes"})",
+      R"({"t":"select","row":"1","section":0,"selected":true})", R"({"t":"menu","index":"0"})",
+      R"({"t":"menu","index":1e300})", R"({"t":"menu","index":-1})", R"({"t":"menu"})",
+      R"({"t":"dialog","id":)" + dialog + R"(,"ok":"yes"})", R"({"t":"dialog","id":)" + dialog + R"(})",
+      R"({"t":"dialog","id":")" + dialog + R"(","ok":true})", R"({"t":"alertDismiss","id":-5})",
+      R"({"t":"tipDismiss","id":[]})", "[]", "\"menu\"", "{", "", "{\"t\":\"\xff\"}",
+  };
+  for (const auto& frame : frames) {
+    SCOPED_TRACE(frame);
+    sayRaw(1, frame);
+    EXPECT_FALSE(tab->closedWith);
+  }
+  EXPECT_TRUE(answers.empty());
+  EXPECT_TRUE(ProbeScreen::selected.empty());
+  EXPECT_EQ(tab->of("screen").size(), 1u);
+
+  say(1, {{"t", "dialog"}, {"id", nlohmann::json::parse(dialog)}, {"ok", true}});
+  EXPECT_EQ(answers, std::vector<bool>{true}) << "the dialog waited for a well-formed answer";
+  say(1, {{"t", "select"}, {"row", 1.0}, {"section", 0}, {"selected", true}});
+  EXPECT_EQ(ProbeScreen::selected, std::vector<int64_t>{1});
+  say(1, probe);
+  EXPECT_EQ(tab->of("screen").size(), 2u);
+}
+
+TEST_F(BridgeTest, AFloodOfScreenRequestsMakesOneScreenAndAnOverfullInboxClosesTheTab) {
+  auto tab = connect(1);
+  const std::string probe = nlohmann::json{{"t", "menu"}, {"index", ProbeScreen::menuIndex()}}.dump();
+  const std::string viewport = R"({"t":"viewport","section":0,"first":0,"last":5})";
+  const int made = ProbeScreen::made;
+  for (size_t i = 0; i < shelf::WebBridge::kInboxMessages; ++i) bridge_->message(1, i % 2 ? probe : viewport);
+  host_.loop().runFor(std::chrono::milliseconds(50));
+  EXPECT_EQ(ProbeScreen::made, made + 1);
+  EXPECT_EQ(tab->of("screen").size(), 1u);
+  EXPECT_FALSE(tab->closedWith);
+
+  for (size_t i = 0; i <= shelf::WebBridge::kInboxMessages; ++i) bridge_->message(1, probe);
+  host_.loop().runFor(std::chrono::milliseconds(50));
+  EXPECT_EQ(tab->closedWith, shelf::CloseReason::PolicyViolation);
+  EXPECT_EQ(ProbeScreen::made, made + 1) << "what was waiting is dropped with the tab";
+  auto big = connect(2);
+  bridge_->message(2, std::string(shelf::WebBridge::kInboxBytes + 1, ' '));
+  EXPECT_EQ(big->closedWith, shelf::CloseReason::PolicyViolation);
+}
 
 TEST_F(BridgeTest, AlertsWaitForATabAndCompleteWhenNoTabIsLeft) {
   int completions = 0;
