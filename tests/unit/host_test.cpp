@@ -36,6 +36,8 @@ TEST(FileResolver, SendsOnlyFilesInsideTheirFolders) {
   write(root / "Library/AccessToken", "secret");
   fs::create_symlink(root / "Library/AccessToken", root / "docs/link-out");
   fs::create_directory_symlink(root / "Library", root / "docs/dir-out");
+  fs::create_hard_link(root / "Library/AccessToken", root / "docs/hard-link");
+  fs::create_symlink(root / "docs/sub/a b.txt", root / "docs/link-in");
   shelf::FileResolver resolver((root / "web").string(), (root / "docs").string());
 
   struct Case {
@@ -52,6 +54,8 @@ TEST(FileResolver, SendsOnlyFilesInsideTheirFolders) {
       {"/documents//etc/passwd", nullptr},
       {"/documents/link-out", nullptr},
       {"/documents/dir-out/AccessToken", nullptr},
+      {"/documents/hard-link", nullptr},
+      {"/documents/link-in", "docs/sub/a b.txt"},
       {"/documents/sub", nullptr},
       {"/../Library/AccessToken", nullptr},
       {"/bundles/org.nowhere/images/x.svg", nullptr},
@@ -72,6 +76,7 @@ TEST(FileResolver, SendsOnlyFilesInsideTheirFolders) {
   ASSERT_TRUE(served);
   EXPECT_TRUE(served->attachment);
   EXPECT_TRUE(served->sandbox) << "a downloaded page must not run in the host's origin";
+  EXPECT_TRUE(served->singleLink) << "the server checks the opened file again";
   EXPECT_EQ(served->contentType, "application/pdf");
   EXPECT_FALSE(resolver.resolve({"GET", "/app.js", {}, {}, {}})->sandbox);
 
@@ -79,6 +84,34 @@ TEST(FileResolver, SendsOnlyFilesInsideTheirFolders) {
             "/documents/sub/a%20b.txt");
   EXPECT_EQ(shelf::documentURLForPath((root / "docs").string(), (root / "Library/AccessToken").string()), "");
   fs::remove_all(root);
+}
+
+void collectTexts(const nlohmann::json& node, std::set<std::string>& texts) {
+  if (node.is_object() && node.contains("text") && node["text"].is_string()) texts.insert(node["text"].get<std::string>());
+  if (node.is_structured())
+    for (const auto& child : node) collectTexts(child, texts);
+}
+
+TEST(HostScreens, DocumentsListsOnlyWhatTheServerSends) {
+  TestHost host;
+  const fs::path docs = host.layout().documents, library = host.layout().library;
+  write(docs / "plain.txt", "x");
+  write(library / "secret", "s");
+  fs::create_symlink(library / "secret", docs / "outside-link");
+  fs::create_hard_link(library / "secret", docs / "hard-link");
+  fs::create_symlink(docs / "plain.txt", docs / "inside-link");
+  shelf::registerHostScreens({docs.string(), nullptr, nullptr});
+  std::shared_ptr<platform::TableScreenController> screen;
+  for (const auto& entry : platform::SideMenuRegistry::sharedInstance()->menuItems())
+    if (entry->iconName() == "Documents") screen = entry->controllerClass().create();
+  ASSERT_TRUE(screen);
+  screen->snapshot();
+  screen->setVisibleRows(0, 0, 20);
+  std::set<std::string> texts;
+  collectTexts(screen->snapshot(), texts);
+  EXPECT_EQ(screen->rowCount(0), 2);
+  EXPECT_TRUE(texts.count("plain.txt") && texts.count("inside-link"));
+  EXPECT_FALSE(texts.count("outside-link") || texts.count("hard-link")) << "nothing of a file outside is shown";
 }
 
 TEST(AccessToken, MadeOnceAndReadableByTheOwnerOnly) {
