@@ -45,7 +45,7 @@ struct GuardInput {
 
 struct GuardVerdict {
   bool allowed = false;
-  bool startSession = false;  // the token came right as ?token=: a GET starts a session
+  bool startSession = false;  // the token came right as ?token=: a GET of a page starts a session
   std::string reason;         // why not, for the 403 body
 };
 

@@ -286,7 +286,9 @@ class HttpSession final : public Connection, public std::enable_shared_from_this
     if (!verdict.allowed) return sendText(http::status::forbidden, "forbidden: " + verdict.reason + "\n");
     if (!target) return sendText(http::status::bad_request, "malformed request target\n");
     const bool upgrading = websocket::is_upgrade(req);
-    if (verdict.startSession && req.method() == http::verb::get && !upgrading) return startSession(view(req.target()));
+    // A browser opening the printed address; a program calling the API keeps its answer.
+    const bool page = req.method() == http::verb::get && !upgrading && !target->path.starts_with("/api/");
+    if (verdict.startSession && page) return startSession(view(req.target()));
     if (target->path == "/ws" && upgrading) return upgrade(std::move(req));
 
     HttpRequest request{std::string(view(req.method_string())), std::move(target->path), std::move(target->query), {},

@@ -8,7 +8,7 @@
 //    (on a wildcard address any host name is accepted; the token still applies);
 //  - `Origin`, when present, must be http://<an accepted Host value>;
 //  - on a non-loopback address, the access token must come with the request:
-//    `Authorization: Bearer T` or `?token=T`; a GET with `?token=T` is answered
+//    `Authorization: Bearer T` or `?token=T`; a GET of a page with `?token=T` is answered
 //    with a session cookie (a random value, not the token) and a redirect to the
 //    address without the token, so the printed address works in a browser;
 //  - an API request that changes state must be sent as application/json and

@@ -434,6 +434,9 @@ TEST_F(WebServerTest, RequiresTheTokenWhenAskedTo) {
   EXPECT_EQ(session.find("s3cret"), std::string::npos);
   EXPECT_NE(enter().header("set-cookie"), cookie) << "each session has its own value";
   EXPECT_EQ(client.request(http::verb::get, "/index.html", {{"Cookie", name + session}}).status, 200u);
+  const auto api = client.request(http::verb::get, "/api/echo?token=s3cret");
+  EXPECT_EQ(api.status, 201u) << "a program calling the API gets its answer, not a redirect";
+  EXPECT_EQ(api.header("set-cookie"), "<none>");
 
   asio::io_context ioc;
   unsigned status = 0;
