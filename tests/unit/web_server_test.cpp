@@ -336,32 +336,6 @@ TEST_F(WebServerTest, ApiAnswersFromAnotherThreadOnAKeptAliveConnection) {
   EXPECT_EQ(client.request(http::verb::put, "/api/big", json, std::string(limit + 1, 'x'), false).status, 413u);
 }
 
-TEST_F(WebServerTest, ApiTakesChangesOnlyAsJsonFromThisSite) {
-  start();
-  const Headers json = {{"Content-Type", "application/json"}};
-  const struct {
-    http::verb method;
-    Headers headers;
-    unsigned status;
-  } cases[] = {
-      {http::verb::post, {}, 415},
-      {http::verb::post, {{"Content-Type", "text/plain"}}, 415},
-      {http::verb::put, {{"Content-Type", "text/plain"}, {"Sec-Fetch-Site", "cross-site"}}, 403},
-      {http::verb::post, {{"Content-Type", "application/json"}, {"Sec-Fetch-Site", "cross-site"}}, 403},
-      {http::verb::post, {{"Content-Type", "application/json"}, {"Sec-Fetch-Site", "same-origin"}}, 201},
-      {http::verb::delete_, json, 201},
-      {http::verb::get, {{"Sec-Fetch-Site", "cross-site"}}, 201},
-  };
-  Client client(server_->port());
-  int expectedCalls = 0;
-  for (const auto& c : cases) {
-    const auto reply = client.request(c.method, "/api/echo", c.headers, "{}");
-    EXPECT_EQ(reply.status, c.status) << http::to_string(c.method) << " " << c.headers.size();
-    expectedCalls += c.status == 201;
-  }
-  EXPECT_EQ(apiCalls_, expectedCalls) << "a refused request never reaches the host";
-}
-
 TEST_F(WebServerTest, ServesFilesAndAnswersOtherPaths) {
   start();
   const struct {
