@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "shelf/host/AccessToken.h"
+#include "shelf/host/ServerInfo.h"
 
 namespace {
 
@@ -26,6 +27,7 @@ Reply post(const std::string& url, const std::string& body, const std::optional<
   curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
   curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
   curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http");
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 10L);
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, +[](char* data, size_t size, size_t count, void* out) {
     static_cast<std::string*>(out)->append(data, size * count);
     return size * count;
@@ -43,13 +45,20 @@ Reply post(const std::string& url, const std::string& body, const std::optional<
 
 int runAdd(const AddOptions& options) {
   auto layout = shelfkit::RootLayout::resolve(options.root, std::nullopt);
-  auto server = shelf::readServerInfo(layout);
-  if (!server) {
+  // Only the root's lock says that its host runs: the note of one that ended may
+  // name a port that another program has taken since, and the token must not go there.
+  if (!shelfkit::RootLock::isHeld(layout)) {
     std::cerr << "shelf: no shelf is running with the root " << layout.root << "; start one with `shelf serve`\n";
     return 2;
   }
-  // The API is reached on loopback; the token goes along when the host made one.
-  const std::string api = "http://127.0.0.1:" + std::to_string(server->port) + "/api/downloads";
+  auto server = shelf::readServerInfo(layout);
+  if (!server) {
+    std::cerr << "shelf: the shelf running with the root " << layout.root
+              << " left no readable address in Library/Server.json\n";
+    return 2;
+  }
+  // The API is reached where the host listens; the token goes along when the host made one.
+  const std::string api = shelf::localBaseURL(*server) + "/api/downloads";
   const auto token = shelf::existingAccessToken(layout);
   int status = 0;
   for (const auto& url : options.urls) {

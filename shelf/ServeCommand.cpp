@@ -14,6 +14,7 @@
 #include "shelf/host/FileResolver.h"
 #include "shelf/host/HostScreens.h"
 #include "shelf/host/ModuleLoader.h"
+#include "shelf/host/ServerInfo.h"
 #include "shelf/host/WebBridge.h"
 #include "shelf/server/WebServer.h"
 #include "shelfkit/HostServices.h"
@@ -49,6 +50,7 @@ int runServe(const ServeOptions& options) {
               << (running ? " at " + running->url : std::string()) << "\n";
     return 1;
   }
+  shelf::removeServerInfo(layout);  // left by a host that ended without removing it
   if (!options.language.empty()) platform::setPreferredLanguage(options.language);
 
   auto loop = std::make_shared<shelfkit::MainLoop>();
@@ -101,7 +103,7 @@ int runServe(const ServeOptions& options) {
     shelfkit::uninstallHostServices();
     return 1;
   }
-  shelf::writeServerInfo(layout, {server->url(), server->port()});
+  shelf::writeServerInfo(layout, {server->url(), options.listen, server->port()});
   std::cout << "shelf: root " << layout.root << ", documents " << layout.documents << ", " << loaded.size()
             << " module(s)\n";
   std::cout << "shelf: open " << server->url() << std::endl;

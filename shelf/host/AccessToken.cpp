@@ -1,7 +1,6 @@
 #include "shelf/host/AccessToken.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -9,15 +8,12 @@
 #include <random>
 #include <sstream>
 
-#include <nlohmann/json.hpp>
-
 #include "shelfkit/runtime/AtomicFile.h"
 
 namespace shelf {
 namespace {
 
 std::string tokenPath(const shelfkit::RootLayout& layout) { return layout.library + "/AccessToken"; }
-std::string serverInfoPath(const shelfkit::RootLayout& layout) { return layout.library + "/Server.json"; }
 
 std::optional<std::string> readFile(const std::string& path) {
   std::ifstream in(path);
@@ -51,20 +47,5 @@ std::string accessToken(const shelfkit::RootLayout& layout) {
   ::umask(previous);
   return token;
 }
-
-void writeServerInfo(const shelfkit::RootLayout& layout, const ServerInfo& info) {
-  nlohmann::json json = {{"url", info.url}, {"port", info.port}, {"pid", ::getpid()}};
-  shelfkit::writeFileAtomically(serverInfoPath(layout), json.dump(2));
-}
-
-std::optional<ServerInfo> readServerInfo(const shelfkit::RootLayout& layout) {
-  auto text = readFile(serverInfoPath(layout));
-  if (!text) return std::nullopt;
-  auto json = nlohmann::json::parse(*text, nullptr, false);
-  if (!json.is_object() || !json.value("url", nlohmann::json()).is_string()) return std::nullopt;
-  return ServerInfo{json["url"].get<std::string>(), json.value("port", uint16_t{0})};
-}
-
-void removeServerInfo(const shelfkit::RootLayout& layout) { std::remove(serverInfoPath(layout).c_str()); }
 
 }  // namespace shelf

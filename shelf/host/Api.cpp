@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "module/platform/DownloadService.h"
+#include "module/platform/Log.h"
 #include "module/platform/RecentItems.h"
 #include "module/platform/URL.h"
 #include "shelf/host/HostScreens.h"
@@ -125,10 +126,7 @@ std::vector<std::string> split(const std::string& path) {
   return parts;
 }
 
-}  // namespace
-
-void handleApiRequest(const HttpRequest& request, const std::string& documentsDirectory,
-                      std::function<void(HttpResponse)> respond) {
+void route(const HttpRequest& request, const std::string& documentsDirectory, std::function<void(HttpResponse)> respond) {
   const auto parts = split(request.path);  // "api", …
   const std::string& method = request.method;
   if (parts.size() == 2 && parts[1] == "recent") {
@@ -165,6 +163,19 @@ void handleApiRequest(const HttpRequest& request, const std::string& documentsDi
     return respond(service->setActive(uniqueId, parts[3] == "start") ? noContent() : error(404, "no download " + uniqueId));
   }
   respond(error(404, "no such API: " + request.path));
+}
+
+}  // namespace
+
+void handleApiRequest(const HttpRequest& request, const std::string& documentsDirectory,
+                      std::function<void(HttpResponse)> respond) {
+  try {
+    route(request, documentsDirectory, respond);
+  } catch (const std::exception& failure) {
+    // A fault of the host's own: the request gets 500 (a second answer is dropped), the host goes on.
+    platform::log(std::string("An API request failed: ") + failure.what());
+    respond(error(500, "internal error"));
+  }
 }
 
 }  // namespace shelf

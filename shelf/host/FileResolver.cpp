@@ -1,5 +1,7 @@
 #include "shelf/host/FileResolver.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <map>
@@ -27,6 +29,13 @@ std::optional<std::string> FileResolver::fileInside(const std::string& base, con
   return file.string();
 }
 
+std::optional<std::string> FileResolver::documentInside(const std::string& documents, const std::string& relative) {
+  auto file = fileInside(documents, relative);
+  struct stat info {};
+  if (!file || ::stat(file->c_str(), &info) != 0 || info.st_nlink != 1) return std::nullopt;
+  return file;
+}
+
 std::string FileResolver::contentTypeForPath(const std::string& path) {
   static const std::map<std::string, std::string> kTypes = {
       {"html", "text/html; charset=utf-8"}, {"js", "text/javascript; charset=utf-8"}, {"mjs", "text/javascript; charset=utf-8"},
@@ -44,12 +53,13 @@ std::string FileResolver::contentTypeForPath(const std::string& path) {
 std::optional<ServedFile> FileResolver::resolve(const HttpRequest& request) const {
   const std::string& path = request.path;
   if (path.starts_with("/documents/")) {
-    auto file = fileInside(documents_, path.substr(std::string("/documents/").size()));
+    auto file = documentInside(documents_, path.substr(std::string("/documents/").size()));
     if (!file) return std::nullopt;
     auto download = request.query.find("download");
     ServedFile served{*file, contentTypeForPath(*file), download != request.query.end() && download->second == "1"};
     // A downloaded page must not run in the host's origin: it could drive the application.
     served.sandbox = true;
+    served.singleLink = true;
     return served;
   }
   if (path.starts_with("/bundles/")) {

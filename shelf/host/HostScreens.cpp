@@ -13,6 +13,7 @@
 #include "module/platform/ui/Appearance.h"
 #include "module/platform/ui/Formatting.h"
 #include "module/platform/ui/Registries.h"
+#include "shelf/host/FileResolver.h"
 #include "shelf/server/PercentEncoding.h"
 
 namespace fs = std::filesystem;
@@ -121,6 +122,14 @@ std::string detailOf(const fs::path& path) {
   return platform::fileSizeString(info.st_size) + " · " + when;
 }
 
+// The file of the documents folder that `path` names, when the server would
+// send it; only such a file is shown with its size, date and address.
+std::optional<std::string> servedDocument(const fs::path& path) {
+  const fs::path relative = path.lexically_relative(context()->documentsDirectory);
+  if (relative.empty() || *relative.begin() == "..") return std::nullopt;
+  return FileResolver::documentInside(context()->documentsDirectory, relative.string());
+}
+
 class DocumentsController : public FileListController {
  public:
   DocumentsController() { setTitle(hostText("Documents")); }
@@ -130,8 +139,10 @@ class DocumentsController : public FileListController {
     std::vector<std::pair<fs::file_time_type, fs::path>> files;
     std::error_code error;
     for (const auto& entry : fs::directory_iterator(context()->documentsDirectory, error)) {
-      if (!entry.is_regular_file(error)) continue;
-      files.emplace_back(entry.last_write_time(error), entry.path());
+      // An entry leading out of the folder, or a second name of a file, is not listed at all.
+      auto file = servedDocument(entry.path());
+      if (!file) continue;
+      files.emplace_back(fs::last_write_time(*file, error), entry.path());
     }
     std::sort(files.begin(), files.end(), [](const auto& a, const auto& b) { return a.first > b.first; });  // newest first
     std::vector<FileRow> rows;
@@ -149,9 +160,15 @@ class RecentController : public FileListController {
   std::vector<FileRow> readRows() override {
     std::vector<FileRow> rows;
     for (const auto& source : platform::RecentItemsRegistry::sharedInstance()->sources())
-      for (const auto& item : source->items())
-        rows.push_back({fs::path(item.path).filename().string(), source->title() + " · " + detailOf(item.path),
+      for (const auto& item : source->items()) {
+        const std::string name = fs::path(item.path).filename().string();
+        if (!servedDocument(item.path)) {
+          rows.push_back({name, source->title(), ""});
+          continue;
+        }
+        rows.push_back({name, source->title() + " · " + detailOf(item.path),
                         documentURLForPath(context()->documentsDirectory, item.path)});
+      }
     return rows;
   }
 };

@@ -6,6 +6,7 @@
 #include "module/platform/ui/Bundle.h"
 #include "module/platform/ui/Registries.h"
 #include "shelfkit/kits/HeadlessPresenters.h"
+#include "shelfkit/kits/ui/MessageFields.h"
 
 namespace shelf {
 namespace {
@@ -55,6 +56,10 @@ void WebBridge::installPresenters() {
 // --- Connections -------------------------------------------------------------
 
 void WebBridge::opened(std::shared_ptr<WebSocketConnection> connection) {
+  {
+    std::lock_guard lock(inboxMutex_);
+    inboxes_[connection->id()].connection = connection;
+  }
   std::weak_ptr<WebBridge> weak = weak_from_this();
   platform::dispatchAsyncMain([weak, connection] {
     auto self = weak.lock();
@@ -70,21 +75,36 @@ void WebBridge::opened(std::shared_ptr<WebSocketConnection> connection) {
 }
 
 void WebBridge::message(uint64_t id, std::string text) {
+  std::shared_ptr<WebSocketConnection> overflowed;
+  bool first = false;
+  {
+    std::lock_guard lock(inboxMutex_);
+    auto found = inboxes_.find(id);
+    if (found == inboxes_.end() || found->second.overflowed) return;
+    Inbox& inbox = found->second;
+    if (inbox.messages.size() >= kInboxMessages || inbox.bytes + text.size() > kInboxBytes) {
+      inbox.overflowed = true;
+      inbox.messages.clear();
+      overflowed = inbox.connection;
+    } else {
+      inbox.bytes += text.size();
+      inbox.messages.push_back(std::move(text));
+      first = inbox.messages.size() == 1;
+    }
+  }
+  if (overflowed) return overflowed->close(CloseReason::PolicyViolation);
+  if (!first) return;  // the drain already asked for takes this one too
   std::weak_ptr<WebBridge> weak = weak_from_this();
-  platform::dispatchAsyncMain([weak, id, text = std::move(text)] {
-    auto self = weak.lock();
-    if (!self) return;
-    auto found = self->tabs_.find(id);
-    if (found == self->tabs_.end()) return;
-    auto message = nlohmann::json::parse(text, nullptr, false);
-    if (!message.is_object()) return;
-    self->activeTab_ = self->handlingTab_ = id;
-    self->handle(id, found->second, message);
-    self->handlingTab_ = 0;
+  platform::dispatchAsyncMain([weak, id] {
+    if (auto self = weak.lock()) self->drain(id);
   });
 }
 
 void WebBridge::closed(uint64_t id) {
+  {
+    std::lock_guard lock(inboxMutex_);
+    inboxes_.erase(id);
+  }
   std::weak_ptr<WebBridge> weak = weak_from_this();
   platform::dispatchAsyncMain([weak, id] {
     auto self = weak.lock();
@@ -102,6 +122,44 @@ void WebBridge::closed(uint64_t id) {
     while (!self->alerts_.empty()) self->finishAlert(self->alerts_.begin()->first);
     while (!self->tips_.empty()) self->finishTip(self->tips_.begin()->first);
   });
+}
+
+void WebBridge::drain(uint64_t id) {
+  DCHECK_ON_MAIN();
+  std::vector<std::string> texts;
+  {
+    std::lock_guard lock(inboxMutex_);
+    auto found = inboxes_.find(id);
+    if (found == inboxes_.end()) return;
+    texts.swap(found->second.messages);
+    found->second.bytes = 0;
+  }
+  std::vector<nlohmann::json> batch;
+  for (const auto& text : texts) {
+    auto message = nlohmann::json::parse(text, nullptr, false);
+    if (message.is_object()) batch.push_back(std::move(message));
+  }
+  auto typeOf = [&](size_t i) { return shelfkit::stringField(batch[i], "t").value_or(""); };
+  size_t lastMenu = batch.size();
+  for (size_t i = 0; i < batch.size(); ++i)
+    if (typeOf(i) == "menu" && shelfkit::integerField(batch[i], "index")) lastMenu = i;
+  for (size_t i = 0; i < batch.size(); ++i) {
+    const std::string type = typeOf(i);
+    if (type == "menu" && i != lastMenu) continue;
+    if (type == "viewport" && i + 1 < batch.size() && typeOf(i + 1) == "viewport" &&
+        shelfkit::integerField(batch[i], "section") == shelfkit::integerField(batch[i + 1], "section"))
+      continue;
+    auto tab = tabs_.find(id);
+    if (tab == tabs_.end()) return;
+    activeTab_ = handlingTab_ = id;
+    try {
+      handle(id, tab->second, batch[i]);
+    } catch (const std::exception& error) {
+      // A fault of the host's own, not of the message: the tab goes on.
+      platform::log(std::string("A message from a tab failed: ") + error.what());
+    }
+    handlingTab_ = 0;
+  }
 }
 
 std::shared_ptr<shelfkit::ScreenSession> WebBridge::activeSession() const {
@@ -143,25 +201,26 @@ void WebBridge::openMenuEntry(Tab& tab, int64_t index) {
 }
 
 void WebBridge::handle(uint64_t tabId, Tab& tab, const nlohmann::json& message) {
-  const std::string type = message.value("t", "");
-  const auto id = message.contains("id") && message["id"].is_number_unsigned() ? message["id"].get<uint64_t>() : 0;
-  if (type == "menu") {
-    if (message.contains("index") && message["index"].is_number_integer()) openMenuEntry(tab, message["index"].get<int64_t>());
-  } else if (type == "dialog") {
+  const auto type = shelfkit::stringField(message, "t");
+  if (!type) return;
+  const uint64_t id = shelfkit::idField(message, "id").value_or(0);
+  if (*type == "menu") {
+    if (auto index = shelfkit::integerField(message, "index")) openMenuEntry(tab, *index);
+  } else if (*type == "dialog") {
     auto found = dialogs_.find(id);
-    if (found == dialogs_.end() || found->second.tab != tabId) return;
+    const auto ok = shelfkit::boolField(message, "ok");
+    if (found == dialogs_.end() || found->second.tab != tabId || !ok) return;
     auto answered = std::move(found->second.answered);
     dialogs_.erase(found);
-    const auto text = message.contains("text") && message["text"].is_string() ? message["text"].get<std::string>() : "";
-    answered(message.value("ok", false), text);
-  } else if (type == "overlayCancel") {
+    answered(*ok, shelfkit::stringField(message, "text").value_or(""));
+  } else if (*type == "overlayCancel") {
     if (!overlayMessage_) return;
     overlayMessage_.reset();
     broadcast({{"t", "overlay"}, {"message", nullptr}});
     if (auto cancel = std::move(overlayCancel_)) cancel();
-  } else if (type == "alertDismiss") {
+  } else if (*type == "alertDismiss") {
     finishAlert(id);
-  } else if (type == "tipDismiss") {
+  } else if (*type == "tipDismiss") {
     finishTip(id);
   } else {
     tab.screens->handle(message);

@@ -3,14 +3,23 @@
 // the main thread. The bridge also presents the module's dialogs, progress
 // messages, alerts and tips in the tabs; with no tab connected, alerts and tips
 // count as dismissed at once and are logged, so every completion still runs.
+//
+// A tab's messages wait in its inbox until the main thread takes them all at
+// once: of the "menu" messages taken together only the last opens its screen,
+// and of consecutive "viewport" messages for one section only the last counts,
+// so a flood of screen requests costs one screen. A tab whose inbox would pass
+// kInboxMessages or kInboxBytes is closed (1008). A message that is not a JSON
+// object, or whose fields have other types than expected, is ignored.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -23,11 +32,15 @@ namespace shelf {
 
 class WebBridge : public std::enable_shared_from_this<WebBridge> {
  public:
+  static constexpr size_t kInboxMessages = 1024;
+  static constexpr size_t kInboxBytes = 1 << 20;
+
   static std::shared_ptr<WebBridge> create();
   // Installs the bridge's presenters behind ProgressOverlay, TipsPresenter and AlertDialog.
   void installPresenters();
 
-  // Safe from any thread: the work runs on the main thread.
+  // Safe from any thread: the work runs on the main thread. Each connection's
+  // events come in order: opened, messages, closed.
   void opened(std::shared_ptr<WebSocketConnection> connection);
   void message(uint64_t id, std::string text);
   void closed(uint64_t id);
@@ -53,7 +66,15 @@ class WebBridge : public std::enable_shared_from_this<WebBridge> {
     uint64_t tab;
     std::function<void(bool, const std::string&)> answered;
   };
+  // What the server thread handed over for one tab and the main thread has not taken yet.
+  struct Inbox {
+    std::shared_ptr<WebSocketConnection> connection;
+    std::vector<std::string> messages;
+    size_t bytes = 0;
+    bool overflowed = false;
+  };
   WebBridge() = default;
+  void drain(uint64_t id);
   void handle(uint64_t tabId, Tab& tab, const nlohmann::json& message);
   void sendHello(Tab& tab);
   void openMenuEntry(Tab& tab, int64_t index);
@@ -70,6 +91,9 @@ class WebBridge : public std::enable_shared_from_this<WebBridge> {
   std::map<uint64_t, std::pair<std::string, std::function<void()>>> alerts_;
   std::map<uint64_t, std::pair<std::string, std::function<void()>>> tips_;
   std::map<uint64_t, Dialog> dialogs_;
+
+  std::mutex inboxMutex_;
+  std::map<uint64_t, Inbox> inboxes_;  // guarded by inboxMutex_
 };
 
 }  // namespace shelf

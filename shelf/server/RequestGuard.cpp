@@ -1,18 +1,19 @@
 #include "shelf/server/RequestGuard.h"
 
 #include <arpa/inet.h>
+#include <sys/random.h>
 
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cstdio>
 #include <set>
 
+#include "shelf/server/PercentEncoding.h"
 #include "shelf/server/WebServer.h"
 
 namespace shelf {
 namespace {
-
-constexpr std::string_view kCookieName = "shelf_token";
 
 std::string lower(std::string_view s) {
   std::string out(s);
@@ -83,14 +84,14 @@ bool tokenInAuthorization(std::string_view header, std::string_view token) {
   return constantTimeEquals(trim(header.substr(7)), token);
 }
 
-bool tokenInCookies(std::string_view header, std::string_view token) {
+bool sessionInCookies(std::string_view header, std::string_view name, const SessionTable& sessions) {
   bool found = false;
   while (!header.empty()) {
     const auto end = header.find(';');
     const auto pair = trim(header.substr(0, end));
     const auto eq = pair.find('=');
-    if (eq != std::string_view::npos && trim(pair.substr(0, eq)) == kCookieName)
-      found |= constantTimeEquals(trim(pair.substr(eq + 1)), token);
+    if (eq != std::string_view::npos && trim(pair.substr(0, eq)) == name)
+      found |= sessions.contains(trim(pair.substr(eq + 1)));
     header = end == std::string_view::npos ? std::string_view() : header.substr(end + 1);
   }
   return found;
@@ -123,7 +124,66 @@ bool constantTimeEquals(std::string_view a, std::string_view b) {
   return diff == 0;
 }
 
-GuardVerdict checkRequest(const GuardPolicy& policy, const GuardInput& input) {
+std::string SessionTable::create() {
+  // The kernel's random source; getrandom needs no descriptor, so it works when they run out.
+  unsigned char bytes[16] = {};
+  for (size_t got = 0; got < sizeof bytes;) {
+    const ssize_t n = ::getrandom(bytes + got, sizeof bytes - got, 0);
+    if (n > 0) got += static_cast<size_t>(n);
+  }
+  std::string value;
+  char hex[3];
+  for (unsigned char byte : bytes) {
+    std::snprintf(hex, sizeof hex, "%02x", byte);
+    value += hex;
+  }
+  if (values_.size() >= kMaxSessions) values_.pop_front();
+  values_.push_back(value);
+  return value;
+}
+
+bool SessionTable::contains(std::string_view value) const {
+  bool found = false;
+  for (const auto& session : values_) found |= constantTimeEquals(session, value);
+  return found && !value.empty();
+}
+
+int checkStateChange(std::string_view method, const std::optional<std::string>& contentType,
+                     const std::optional<std::string>& fetchSite, std::string* reason) {
+  if (method == "GET" || method == "HEAD") return 0;
+  if (fetchSite) {
+    const std::string site = lower(trim(*fetchSite));
+    if (site == "cross-site" || site == "same-site") {
+      *reason = "forbidden: made by another site";
+      return 403;
+    }
+  }
+  const std::string_view type = contentType ? std::string_view(*contentType) : std::string_view();
+  if (lower(trim(type.substr(0, type.find(';')))) != "application/json") {
+    *reason = "a request that changes something must be sent as Content-Type: application/json";
+    return 415;
+  }
+  return 0;
+}
+
+std::string targetWithoutToken(std::string_view target) {
+  const auto mark = target.find('?');
+  std::string result(target.substr(0, mark));
+  if (mark == std::string_view::npos) return result;
+  char separator = '?';
+  for (auto rest = target.substr(mark + 1); !rest.empty();) {
+    const auto amp = rest.find('&');
+    const auto pair = rest.substr(0, amp);
+    rest = amp == std::string_view::npos ? std::string_view() : rest.substr(amp + 1);
+    if (pair.empty() || percentDecode(pair.substr(0, pair.find('=')), true) == "token") continue;
+    result += separator;
+    result += pair;
+    separator = '&';
+  }
+  return result;
+}
+
+GuardVerdict checkRequest(const GuardPolicy& policy, const GuardInput& input, const SessionTable& sessions) {
   const bool wildcard = isWildcardAddress(policy.listenAddress);
   std::set<std::string> names = {"localhost", "127.0.0.1"};
   if (auto ip = canonicalIp(policy.listenAddress, false)) names.insert(*ip);
@@ -147,7 +207,7 @@ GuardVerdict checkRequest(const GuardPolicy& policy, const GuardInput& input) {
   if (token.empty()) return deny("no access token configured");
   const bool fromQuery = input.queryToken && constantTimeEquals(*input.queryToken, token);
   if (fromQuery || (input.authorization && tokenInAuthorization(*input.authorization, token)) ||
-      (input.cookie && tokenInCookies(*input.cookie, token)))
+      (input.cookie && sessionInCookies(*input.cookie, policy.cookieName, sessions)))
     return {true, fromQuery, {}};
   return deny("access token required");
 }

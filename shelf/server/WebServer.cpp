@@ -1,11 +1,17 @@
 #include "shelf/server/WebServer.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <boost/asio.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
+#include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -24,15 +30,35 @@ namespace websocket = beast::websocket;
 using tcp = asio::ip::tcp;
 using boost::system::error_code;
 
-constexpr uint64_t kMessageLimit = 1 << 20;  // request bodies and WebSocket messages
+constexpr uint64_t kMessageLimit = WebServer::kMessageLimit;
+constexpr size_t kMaxConnections = WebServer::kMaxConnections;
+constexpr size_t kOutboxLimit = WebServer::kOutboxLimit;
 constexpr auto kReadTimeout = std::chrono::seconds(60);
+// After a failed accept (no descriptor left, say) the next waits, doubling up to the longest.
+constexpr auto kAcceptPauseFirst = std::chrono::milliseconds(10);
+constexpr auto kAcceptPauseLongest = std::chrono::milliseconds(500);
+// No page may show the UI in a frame: it could be made to click for the user.
 constexpr const char* kContentSecurityPolicy =
-    "default-src 'self'; connect-src 'self'; img-src 'self' data:; style-src 'self'";
+    "default-src 'self'; connect-src 'self'; img-src 'self' data:; style-src 'self'; frame-ancestors 'none'";
+constexpr const char* kSandboxPolicy = "sandbox; frame-ancestors 'none'";
 constexpr const char* kPlainText = "text/plain; charset=utf-8";
 
 std::atomic<uint64_t> nextConnectionId{1};
 
 std::string_view view(beast::string_view s) { return {s.data(), s.size()}; }
+
+// Runs a host handler on the I/O thread. What it throws is reported and dropped:
+// it must not end the thread, and with it every connection.
+template <class F>
+void guarded(const char* what, F&& handler) {
+  try {
+    handler();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "shelf: the %s handler failed: %s\n", what, error.what());
+  } catch (...) {
+    std::fprintf(stderr, "shelf: the %s handler failed\n", what);
+  }
+}
 
 std::string lower(std::string_view s) {
   std::string out(s);
@@ -97,6 +123,7 @@ class Connection {
 struct ServerState {
   WebServerHandlers handlers;
   GuardPolicy policy;
+  SessionTable sessions;
   std::shared_ptr<Gate> gate;
   std::unordered_map<uint64_t, std::shared_ptr<Connection>> connections;  // owns every session
   bool stopping = false;
@@ -112,13 +139,16 @@ class WsSession final : public Connection, public std::enable_shared_from_this<W
 
   void enqueue(std::string text) {
     if (!opened_ || closing_ || done_) return;
+    if (outboxBytes_ + text.size() > kOutboxLimit) return finish();  // it does not read: a close frame would wait too
+    outboxBytes_ += text.size();
     outbox_.push_back(std::move(text));
     if (outbox_.size() == 1) writeNext();
   }
 
-  void requestClose() {
+  void requestClose(CloseReason reason) {
     if (!opened_ || closing_ || done_) return;
     closing_ = true;
+    closeCode_ = static_cast<websocket::close_code>(reason);
     if (outbox_.empty()) closeNow();
   }
 
@@ -127,7 +157,7 @@ class WsSession final : public Connection, public std::enable_shared_from_this<W
     ws_.async_read(buffer_, [self = shared_from_this()](error_code ec, size_t) {
       if (ec) return self->finish();
       if (self->ws_.got_text() && self->state_.handlers.message)
-        self->state_.handlers.message(self->id_, beast::buffers_to_string(self->buffer_.data()));
+        guarded("message", [&] { self->state_.handlers.message(self->id_, beast::buffers_to_string(self->buffer_.data())); });
       self->buffer_.consume(self->buffer_.size());
       self->read();
     });
@@ -136,6 +166,7 @@ class WsSession final : public Connection, public std::enable_shared_from_this<W
   void writeNext() {
     ws_.async_write(asio::buffer(outbox_.front()), [self = shared_from_this()](error_code ec, size_t) {
       if (ec) return self->finish();
+      self->outboxBytes_ -= self->outbox_.front().size();
       self->outbox_.pop_front();
       if (!self->outbox_.empty()) self->writeNext();
       else if (self->closing_) self->closeNow();
@@ -143,19 +174,21 @@ class WsSession final : public Connection, public std::enable_shared_from_this<W
   }
 
   // The read loop then ends with websocket::error::closed and finishes.
-  void closeNow() { ws_.async_close(websocket::close_code::normal, [self = shared_from_this()](error_code) {}); }
+  void closeNow() { ws_.async_close(closeCode_, [self = shared_from_this()](error_code) {}); }
 
   void finish() {
     if (done_) return;
     done_ = true;
     beast::get_lowest_layer(ws_).close();
-    if (opened_ && state_.handlers.closed) state_.handlers.closed(id_);
+    if (opened_ && state_.handlers.closed) guarded("closed", [&] { state_.handlers.closed(id_); });
     state_.connections.erase(id_);
   }
 
   websocket::stream<beast::tcp_stream> ws_;
   beast::flat_buffer buffer_;
   std::deque<std::string> outbox_;
+  size_t outboxBytes_ = 0;
+  websocket::close_code closeCode_ = websocket::close_code::normal;
   ServerState& state_;
   const uint64_t id_ = nextConnectionId++;
   bool opened_ = false, closing_ = false, done_ = false;
@@ -172,9 +205,9 @@ class WsHandle final : public WebSocketConnection {
       if (auto s = session.lock()) s->enqueue(std::move(text));
     });
   }
-  void close() override {
-    gate_->post([session = session_] {
-      if (auto s = session.lock()) s->requestClose();
+  void close(CloseReason reason) override {
+    gate_->post([session = session_, reason] {
+      if (auto s = session.lock()) s->requestClose(reason);
     });
   }
 
@@ -192,7 +225,7 @@ void WsSession::accept(http::request<http::string_body> request) {
     if (ec) return self->finish();
     self->opened_ = true;
     if (self->state_.handlers.opened)
-      self->state_.handlers.opened(std::make_shared<WsHandle>(self->id_, self, self->state_.gate));
+      guarded("opened", [&] { self->state_.handlers.opened(std::make_shared<WsHandle>(self->id_, self, self->state_.gate)); });
     self->read();
   });
 }
@@ -218,7 +251,7 @@ class HttpSession final : public Connection, public std::enable_shared_from_this
   // The request being answered.
   struct Exchange {
     unsigned version = 11;
-    bool keepAlive = false, head = false, setCookie = false;
+    bool keepAlive = false, head = false;
   };
 
   void read() {
@@ -228,7 +261,7 @@ class HttpSession final : public Connection, public std::enable_shared_from_this
     stream_.expires_after(kReadTimeout);
     http::async_read(stream_, buffer_, *parser_, [self = shared_from_this()](error_code ec, size_t) {
       if (ec == http::error::body_limit) {
-        self->exchange_ = {self->parser_->get().version(), false, false, false};
+        self->exchange_ = {self->parser_->get().version(), false, false};
         return self->sendText(http::status::payload_too_large, "request body too large\n");
       }
       if (ec) return self->finish();
@@ -237,7 +270,7 @@ class HttpSession final : public Connection, public std::enable_shared_from_this
   }
 
   void route(http::request<http::string_body> req) {
-    exchange_ = {req.version(), req.keep_alive(), req.method() == http::verb::head, false};
+    exchange_ = {req.version(), req.keep_alive(), req.method() == http::verb::head};
     auto target = parseTarget(view(req.target()));
     auto field = [&](http::field name) -> std::optional<std::string> {
       auto it = req.find(name);
@@ -249,11 +282,14 @@ class HttpSession final : public Connection, public std::enable_shared_from_this
       input.cookie = (input.cookie ? *input.cookie + "; " : std::string()) + std::string(view(it->value()));
     if (target && target->query.count("token")) input.queryToken = target->query.at("token");
 
-    const GuardVerdict verdict = checkRequest(state_.policy, input);
+    const GuardVerdict verdict = checkRequest(state_.policy, input, state_.sessions);
     if (!verdict.allowed) return sendText(http::status::forbidden, "forbidden: " + verdict.reason + "\n");
     if (!target) return sendText(http::status::bad_request, "malformed request target\n");
-    exchange_.setCookie = verdict.setCookie && req.method() == http::verb::get;
-    if (target->path == "/ws" && websocket::is_upgrade(req)) return upgrade(std::move(req));
+    const bool upgrading = websocket::is_upgrade(req);
+    // A browser opening the printed address; a program calling the API keeps its answer.
+    const bool page = req.method() == http::verb::get && !upgrading && !target->path.starts_with("/api/");
+    if (verdict.startSession && page) return startSession(view(req.target()));
+    if (target->path == "/ws" && upgrading) return upgrade(std::move(req));
 
     HttpRequest request{std::string(view(req.method_string())), std::move(target->path), std::move(target->query), {},
                         std::move(req.body())};
@@ -262,7 +298,16 @@ class HttpSession final : public Connection, public std::enable_shared_from_this
       if (!value.empty()) value += header.name() == http::field::cookie ? "; " : ", ";
       value += view(header.value());
     }
-    if (request.path.starts_with("/api/") && state_.handlers.api) return callApi(std::move(request));
+    if (request.path.starts_with("/api/") && state_.handlers.api) {
+      auto header = [&](const char* name) {
+        auto found = request.headers.find(name);
+        return found == request.headers.end() ? std::nullopt : std::optional<std::string>(found->second);
+      };
+      std::string reason;
+      const int refusal = checkStateChange(request.method, header("content-type"), header("sec-fetch-site"), &reason);
+      if (refusal) return sendText(http::int_to_status(static_cast<unsigned>(refusal)), reason + "\n");
+      return callApi(std::move(request));
+    }
     if (!exchange_.head && req.method() != http::verb::get) {
       auto res = textResponse(http::status::method_not_allowed, "method not allowed\n");
       res.set(http::field::allow, "GET, HEAD");
@@ -281,12 +326,22 @@ class HttpSession final : public Connection, public std::enable_shared_from_this
 
   void callApi(HttpRequest request);
 
+  // The token came in the address: the browser gets a session cookie instead and
+  // is sent to the same address without the token, so it leaves the address bar
+  // and the history.
+  void startSession(std::string_view target) {
+    http::response<http::string_body> res{http::status::see_other, exchange_.version};
+    res.set(http::field::location, targetWithoutToken(target));
+    res.set(http::field::set_cookie,
+            state_.policy.cookieName + "=" + state_.sessions.create() + "; HttpOnly; SameSite=Strict; Path=/");
+    sendString(std::move(res));
+  }
+
   void serveFile(const HttpRequest& request) {
-    const auto file = state_.handlers.resolveFile ? state_.handlers.resolveFile(request) : std::nullopt;
-    std::error_code fsError;
-    error_code ec;
+    std::optional<ServedFile> file;
+    if (state_.handlers.resolveFile) guarded("file", [&] { file = state_.handlers.resolveFile(request); });
     http::file_body::value_type body;
-    if (file && std::filesystem::is_regular_file(file->path, fsError)) body.open(file->path.c_str(), beast::file_mode::scan, ec);
+    if (file) body = openFile(*file);
     if (!body.is_open()) return sendText(http::status::not_found, "not found\n");
 
     const auto size = body.size();
@@ -297,7 +352,7 @@ class HttpSession final : public Connection, public std::enable_shared_from_this
                 "attachment; filename*=UTF-8''" + percentEncode(file->path.filename().string()));
       res.content_length(size);
       // A file from elsewhere runs in an origin of its own, without scripts.
-      if (file->sandbox) res.set("Content-Security-Policy", "sandbox");
+      if (file->sandbox) res.set("Content-Security-Policy", kSandboxPolicy);
     };
     if (exchange_.head) {
       http::response<http::empty_body> res{http::status::ok, exchange_.version};
@@ -308,6 +363,24 @@ class HttpSession final : public Connection, public std::enable_shared_from_this
                                         std::make_tuple(http::status::ok, exchange_.version)};
     describe(res);
     send(std::move(res));
+  }
+
+  // The checks are made on the opened file, so a name swapped after the
+  // resolver looked at it cannot bring in another file.
+  static http::file_body::value_type openFile(const ServedFile& file) {
+    http::file_body::value_type body;
+    const int fd = ::open(file.path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) return body;
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || (file.singleLink && info.st_nlink != 1)) {
+      ::close(fd);
+      return body;
+    }
+    beast::file_posix opened;
+    opened.native_handle(fd);  // owns it from here
+    error_code ec;
+    body.reset(std::move(opened), ec);
+    return body;
   }
 
   http::response<http::string_body> textResponse(http::status status, std::string text) {
@@ -330,8 +403,7 @@ class HttpSession final : public Connection, public std::enable_shared_from_this
     res.set("X-Content-Type-Options", "nosniff");
     res.set(http::field::cache_control, "no-store");
     if (res.find("Content-Security-Policy") == res.end()) res.set("Content-Security-Policy", kContentSecurityPolicy);
-    if (exchange_.setCookie)
-      res.set(http::field::set_cookie, "shelf_token=" + *state_.policy.token + "; HttpOnly; SameSite=Strict; Path=/");
+    res.set("X-Frame-Options", "DENY");  // for browsers that do not know frame-ancestors
     res.keep_alive(exchange_.keepAlive);
     auto message = std::make_shared<http::response<Body>>(std::move(res));
     stream_.expires_never();  // a large file may take long
@@ -377,7 +449,9 @@ class PendingAnswer {
 
 void HttpSession::callApi(HttpRequest request) {
   auto pending = std::make_shared<PendingAnswer>(state_.gate, weak_from_this());
-  state_.handlers.api(std::move(request), [pending](HttpResponse answer) { pending->deliver(std::move(answer)); });
+  guarded("API", [&] {
+    state_.handlers.api(std::move(request), [pending](HttpResponse answer) { pending->deliver(std::move(answer)); });
+  });
 }
 
 class ServerImpl final : public WebServer {
@@ -400,12 +474,15 @@ class ServerImpl final : public WebServer {
       return false;
     }
     state_.policy.port = acceptor_.local_endpoint().port();
+    // Named for the port: cookies are not kept apart by port, so two servers on one host name must not share one.
+    state_.policy.cookieName = "shelf_session_" + std::to_string(state_.policy.port);
     accept();
     thread_ = std::thread([this] { ioc_.run(); });
     return true;
   }
 
   uint16_t port() const override { return state_.policy.port; }
+  uint64_t failedAccepts() const override { return failedAccepts_; }
 
   std::string url() const override {
     std::string host = state_.policy.listenAddress;
@@ -423,6 +500,7 @@ class ServerImpl final : public WebServer {
       state_.stopping = true;
       error_code ignored;
       acceptor_.close(ignored);
+      acceptTimer_.cancel();
       const auto connections = state_.connections;  // shutting down removes them
       for (const auto& [id, connection] : connections) connection->shutdown();
     });
@@ -435,7 +513,12 @@ class ServerImpl final : public WebServer {
   void accept() {
     acceptor_.async_accept([this](error_code ec, tcp::socket socket) {
       if (state_.stopping || !acceptor_.is_open()) return;
-      if (!ec) {
+      if (ec) return pauseAccepting();
+      acceptPause_ = std::chrono::milliseconds(0);
+      if (state_.connections.size() >= kMaxConnections) {
+        error_code ignored;
+        socket.close(ignored);
+      } else {
         auto session = std::make_shared<HttpSession>(std::move(socket), state_);
         state_.connections.emplace(session->id(), session);
         session->start();
@@ -444,9 +527,23 @@ class ServerImpl final : public WebServer {
     });
   }
 
+  // The connection stays in the backlog; accepting again at once would fail
+  // again at once (EMFILE: the listener stays readable) and spin.
+  void pauseAccepting() {
+    ++failedAccepts_;
+    acceptPause_ = std::clamp(acceptPause_ * 2, std::chrono::milliseconds(kAcceptPauseFirst), kAcceptPauseLongest);
+    acceptTimer_.expires_after(acceptPause_);
+    acceptTimer_.async_wait([this](error_code ec) {
+      if (!ec && !state_.stopping) accept();
+    });
+  }
+
   asio::io_context ioc_{1};
   asio::executor_work_guard<asio::io_context::executor_type> work_ = asio::make_work_guard(ioc_);
   tcp::acceptor acceptor_{ioc_};
+  asio::steady_timer acceptTimer_{ioc_};
+  std::chrono::milliseconds acceptPause_{0};
+  std::atomic<uint64_t> failedAccepts_{0};
   ServerState state_;
   std::thread thread_;
   std::atomic<bool> stopped_{false};

@@ -8,9 +8,13 @@
 //    (on a wildcard address any host name is accepted; the token still applies);
 //  - `Origin`, when present, must be http://<an accepted Host value>;
 //  - on a non-loopback address, the access token must come with the request:
-//    `Authorization: Bearer T`, the cookie `shelf_token=T`, or `?token=T` (which
-//    also sets the cookie, so the printed address works in a browser).
-// Anything else gets 403 and is not passed on.
+//    `Authorization: Bearer T` or `?token=T`; a GET of a page with `?token=T` is answered
+//    with a session cookie (a random value, not the token) and a redirect to the
+//    address without the token, so the printed address works in a browser;
+//  - an API request that changes state must be sent as application/json and
+//    not be marked by the browser as made by another site.
+// Anything else gets 403 (or 415) and is not passed on. No response may be
+// shown in a frame.
 #pragma once
 
 #include <cstdint>
@@ -46,6 +50,13 @@ struct ServedFile {
   std::string contentType;
   bool attachment = false;  // Content-Disposition: attachment (save rather than open)
   bool sandbox = false;     // sent with "Content-Security-Policy: sandbox": no scripts, an origin of its own
+  bool singleLink = false;  // sent only when, once opened, it has no other hard link
+};
+
+// Why a WebSocket is closed; sent to the client as the close code.
+enum class CloseReason : uint16_t {
+  Normal = 1000,
+  PolicyViolation = 1008,  // the client sent more than the host will hold for it
 };
 
 // One browser tab. Thread-safe; sending after close does nothing.
@@ -54,7 +65,7 @@ class WebSocketConnection {
   virtual ~WebSocketConnection() = default;
   virtual uint64_t id() const = 0;
   virtual void send(std::string text) = 0;
-  virtual void close() = 0;
+  virtual void close(CloseReason reason = CloseReason::Normal) = 0;
 };
 
 struct WebServerOptions {
@@ -78,6 +89,15 @@ struct WebServerHandlers {
 
 class WebServer {
  public:
+  // What one client may make the server hold. The API takes small JSON bodies
+  // and a tab sends small messages: a request body or a WebSocket message is at
+  // most kMessageLimit (413 or a closed socket past it). At most kMaxConnections
+  // are open at once; more are closed as soon as they are accepted. A tab that
+  // does not read what it is sent is disconnected once kOutboxLimit waits for it.
+  static constexpr uint64_t kMessageLimit = 64 << 10;
+  static constexpr size_t kMaxConnections = 128;
+  static constexpr size_t kOutboxLimit = 4 << 20;
+
   // Binds and starts the I/O thread. Returns none, with `error` set, when the
   // address cannot be bound, or when it is not loopback and no token is given.
   static std::unique_ptr<WebServer> start(const WebServerOptions& options, WebServerHandlers handlers,
@@ -85,6 +105,8 @@ class WebServer {
   virtual ~WebServer() = default;
 
   virtual uint16_t port() const = 0;
+  // Accepts that failed so far (each is followed by a pause before the next).
+  virtual uint64_t failedAccepts() const = 0;
   // The address to open, e.g. "http://127.0.0.1:8080/" (with "?token=..." when one is required).
   virtual std::string url() const = 0;
   // Closes every connection and joins the thread. Called by the destructor too.

@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
@@ -43,13 +44,31 @@ bool RootLayout::create(std::string* error) const {
   return true;
 }
 
+namespace {
+
+std::string lockPath(const RootLayout& layout) { return layout.library + "/shelf.lock"; }
+
+}  // namespace
+
 RootLock::RootLock(const RootLayout& layout) {
-  std::string path = layout.library + "/shelf.lock";
-  fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  if (fd_ >= 0 && ::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
-    ::close(fd_);
-    fd_ = -1;
+  fd_ = ::open(lockPath(layout).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd_ < 0) return;
+  // isHeld() takes the lock for a moment; a few tries keep that from looking like an owner.
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    if (::flock(fd_, LOCK_EX | LOCK_NB) == 0) return;
+    if (errno != EWOULDBLOCK) break;
+    ::usleep(10000);
   }
+  ::close(fd_);
+  fd_ = -1;
+}
+
+bool RootLock::isHeld(const RootLayout& layout) {
+  const int fd = ::open(lockPath(layout).c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;  // no host ever ran here
+  const bool held = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  ::close(fd);  // releases the shared lock, if taken
+  return held;
 }
 
 RootLock::~RootLock() {

@@ -34,6 +34,10 @@ class RootLock {
   RootLock& operator=(const RootLock&) = delete;
   bool held() const { return fd_ >= 0; }
 
+  // True iff a process holds the lock of `layout`'s root now: its owner runs.
+  // The lock ends with the process, however it ends, so a crashed owner does not count.
+  static bool isHeld(const RootLayout& layout);
+
  private:
   int fd_ = -1;
 };

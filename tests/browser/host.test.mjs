@@ -141,9 +141,11 @@ function request(base, { method = 'GET', path: p = '/', headers = {}, body } = {
   });
 }
 
+// The host takes changes (anything but GET) only as JSON.
 async function api(url, method, p, body) {
   const json = body === undefined ? undefined : JSON.stringify(body);
-  const r = await request(url, { method, path: p, body: json, headers: json ? { 'content-type': 'application/json' } : {} });
+  const headers = method === 'GET' ? {} : { 'content-type': 'application/json' };
+  const r = await request(url, { method, path: p, body: json, headers });
   return { status: r.status, body: r.text ? JSON.parse(r.text) : null };
 }
 
@@ -527,6 +529,42 @@ describe('security', { timeout: 5 * 60_000 }, () => {
       'sec-websocket-version': '13', 'sec-websocket-key': randomBytes(16).toString('base64'), origin: o } });
     assert.equal((await upgrade('http://evil.example')).status, 403);
     assert.equal((await upgrade(origin)).status, 101, 'our own origin still connects');
+  });
+
+  test('no other page shows the UI in a frame', async (t) => {
+    // A page of another origin with two frames: its own (which loads) and the shelf's.
+    const framer = http.createServer((req, res) => {
+      res.writeHead(200, { 'content-type': 'text/html' });
+      res.end(req.url === '/own' ? '<p id="own">own</p>' : `<iframe src="/own"></iframe><iframe src="${shelf.url}"></iframe>`);
+    });
+    await new Promise((r) => framer.listen(0, '127.0.0.1', r));
+    t.after(() => new Promise((r) => framer.close(r)));
+    const context = await browser.newContext();
+    t.after(() => context.close());
+    const page = await context.newPage();
+    const sockets = [];
+    page.on('websocket', (ws) => sockets.push(ws.url()));
+    await page.goto(`http://127.0.0.1:${framer.address().port}/`, { waitUntil: 'load' });
+    const [own, framed] = page.frames().slice(1);
+    assert.equal(await own.locator('#own').count(), 1, 'a frame of its own loads');
+    assert.equal(await framed.locator('#table').count(), 0, 'the UI is not rendered in the frame');
+    assert.deepEqual(sockets, [], 'no WebSocket is opened from the frame');
+  });
+
+  test('changes come only as JSON, and not from another site', async () => {
+    const cases = [
+      { what: 'text/plain POST', method: 'POST', path: '/api/downloads', type: 'text/plain', status: 415 },
+      { what: 'form POST', method: 'POST', path: '/api/downloads', type: 'application/x-www-form-urlencoded', status: 415 },
+      { what: 'cross-site PUT', method: 'PUT', path: '/api/settings', type: 'text/plain', site: 'cross-site', status: 403 },
+      { what: 'cross-site JSON', method: 'PUT', path: '/api/settings', type: 'application/json', site: 'cross-site', status: 403 },
+    ];
+    for (const c of cases) {
+      const headers = { 'content-type': c.type, ...(c.site ? { 'sec-fetch-site': c.site } : {}) };
+      const body = c.path === '/api/settings' ? '{"maxActiveDownloadCount":7}' : JSON.stringify({ url: files.url('x.bin.txt') });
+      assert.equal((await request(shelf.url, { method: c.method, path: c.path, headers, body })).status, c.status, c.what);
+    }
+    assert.equal((await api(shelf.url, 'GET', '/api/settings')).body.maxActiveDownloadCount, 3, 'unchanged');
+    assert.equal((await api(shelf.url, 'GET', '/api/downloads')).body.length, 0, 'nothing queued');
   });
 
   test('no path leaves Documents', async () => {

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
 #include <sched.h>
+#include <sys/socket.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,11 +16,13 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <set>
 
 #include "module/core/DFDownloadManager.h"
 #include "module/platform/FileManager.h"
 #include "shelfkit/runtime/PosixFileManager.h"
+#include "shelfkit/runtime/RootLayout.h"
 #include "tests/support/Files.h"
 #include "tests/support/Journal.h"
 #include "tests/support/TestHost.h"
@@ -343,6 +347,52 @@ TEST(ShelfAdd, HandsAddressesToTheRunningHost) {
     std::this_thread::sleep_for(200ms);
     EXPECT_TRUE(readFile(root + "/Documents/notes.txt") == TestHttpServer::pattern(0, 300000));
   }
+  fs::remove_all(root);
+}
+
+// `shelf add` must believe the note in Library/Server.json only while the
+// root's host runs: a stranger may hold the port of one that ended.
+TEST(ShelfAdd, SendsNothingWhenTheHostIsGoneOrItsNoteIsBad) {
+  const std::string root = makeTemporaryDirectory();
+  const auto layout = shelfkit::RootLayout::resolve(root, std::nullopt);
+  ASSERT_TRUE(layout.create(nullptr));
+  // The stranger: a listener nobody accepts from; a connection would wait in its backlog.
+  const int stranger = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::bind(stranger, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(stranger, 8), 0);
+  ASSERT_EQ(::getsockname(stranger, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  const std::string port = std::to_string(ntohs(address.sin_port));
+  const std::string note = R"({"url": "http://127.0.0.1:)" + port + R"(/", "address": "127.0.0.1", "port": )" + port + "}";
+
+  const struct {
+    const char* what;
+    bool running;      // the root's lock is held, as by a running host
+    std::string note;  // empty: none
+  } cases[] = {
+      {"the host that wrote the note ended", false, note},
+      {"a port that is not a number", true, R"({"url": "x", "address": "127.0.0.1", "port": "abc"})"},
+      {"a running host left no note yet", true, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::optional<shelfkit::RootLock> lock;
+    if (c.running) lock.emplace(layout);
+    fs::remove(layout.library + "/Server.json");
+    if (!c.note.empty()) std::ofstream(layout.library + "/Server.json") << c.note;
+    CommandRun run = shelf("add --root " + root + " http://files.example/a.zip");
+    EXPECT_EQ(run.status, 2) << run.output;
+    EXPECT_LT(::accept(stranger, nullptr, nullptr), 0) << "nothing was sent to the stranger";
+  }
+  // The check above can see a connection.
+  const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(::connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const int accepted = ::accept(stranger, nullptr, nullptr);
+  EXPECT_GE(accepted, 0);
+  for (int fd : {accepted, probe, stranger}) ::close(fd);
   fs::remove_all(root);
 }
 

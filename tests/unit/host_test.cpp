@@ -5,12 +5,15 @@
 
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include "module/platform/DownloadService.h"
+#include "module/platform/ui/Registries.h"
 #include "shelf/host/AccessToken.h"
 #include "shelf/host/Api.h"
 #include "shelf/host/FileResolver.h"
 #include "shelf/host/HostScreens.h"
+#include "shelf/host/ServerInfo.h"
 #include "shelf/host/WebBridge.h"
 #include "tests/support/TestHost.h"
 
@@ -33,6 +36,8 @@ TEST(FileResolver, SendsOnlyFilesInsideTheirFolders) {
   write(root / "Library/AccessToken", "secret");
   fs::create_symlink(root / "Library/AccessToken", root / "docs/link-out");
   fs::create_directory_symlink(root / "Library", root / "docs/dir-out");
+  fs::create_hard_link(root / "Library/AccessToken", root / "docs/hard-link");
+  fs::create_symlink(root / "docs/sub/a b.txt", root / "docs/link-in");
   shelf::FileResolver resolver((root / "web").string(), (root / "docs").string());
 
   struct Case {
@@ -49,6 +54,8 @@ TEST(FileResolver, SendsOnlyFilesInsideTheirFolders) {
       {"/documents//etc/passwd", nullptr},
       {"/documents/link-out", nullptr},
       {"/documents/dir-out/AccessToken", nullptr},
+      {"/documents/hard-link", nullptr},
+      {"/documents/link-in", "docs/sub/a b.txt"},
       {"/documents/sub", nullptr},
       {"/../Library/AccessToken", nullptr},
       {"/bundles/org.nowhere/images/x.svg", nullptr},
@@ -69,6 +76,7 @@ TEST(FileResolver, SendsOnlyFilesInsideTheirFolders) {
   ASSERT_TRUE(served);
   EXPECT_TRUE(served->attachment);
   EXPECT_TRUE(served->sandbox) << "a downloaded page must not run in the host's origin";
+  EXPECT_TRUE(served->singleLink) << "the server checks the opened file again";
   EXPECT_EQ(served->contentType, "application/pdf");
   EXPECT_FALSE(resolver.resolve({"GET", "/app.js", {}, {}, {}})->sandbox);
 
@@ -76,6 +84,34 @@ TEST(FileResolver, SendsOnlyFilesInsideTheirFolders) {
             "/documents/sub/a%20b.txt");
   EXPECT_EQ(shelf::documentURLForPath((root / "docs").string(), (root / "Library/AccessToken").string()), "");
   fs::remove_all(root);
+}
+
+void collectTexts(const nlohmann::json& node, std::set<std::string>& texts) {
+  if (node.is_object() && node.contains("text") && node["text"].is_string()) texts.insert(node["text"].get<std::string>());
+  if (node.is_structured())
+    for (const auto& child : node) collectTexts(child, texts);
+}
+
+TEST(HostScreens, DocumentsListsOnlyWhatTheServerSends) {
+  TestHost host;
+  const fs::path docs = host.layout().documents, library = host.layout().library;
+  write(docs / "plain.txt", "x");
+  write(library / "secret", "s");
+  fs::create_symlink(library / "secret", docs / "outside-link");
+  fs::create_hard_link(library / "secret", docs / "hard-link");
+  fs::create_symlink(docs / "plain.txt", docs / "inside-link");
+  shelf::registerHostScreens({docs.string(), nullptr, nullptr});
+  std::shared_ptr<platform::TableScreenController> screen;
+  for (const auto& entry : platform::SideMenuRegistry::sharedInstance()->menuItems())
+    if (entry->iconName() == "Documents") screen = entry->controllerClass().create();
+  ASSERT_TRUE(screen);
+  screen->snapshot();
+  screen->setVisibleRows(0, 0, 20);
+  std::set<std::string> texts;
+  collectTexts(screen->snapshot(), texts);
+  EXPECT_EQ(screen->rowCount(0), 2);
+  EXPECT_TRUE(texts.count("plain.txt") && texts.count("inside-link"));
+  EXPECT_FALSE(texts.count("outside-link") || texts.count("hard-link")) << "nothing of a file outside is shown";
 }
 
 TEST(AccessToken, MadeOnceAndReadableByTheOwnerOnly) {
@@ -88,6 +124,40 @@ TEST(AccessToken, MadeOnceAndReadableByTheOwnerOnly) {
   struct stat info {};
   ASSERT_EQ(::stat((host.layout().library + "/AccessToken").c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 077, 0u);
+}
+
+TEST(ServerInfo, OnlyAWellFormedNoteIsBelieved) {
+  TestHost host;
+  const std::string path = host.layout().library + "/Server.json";
+  EXPECT_FALSE(shelf::readServerInfo(host.layout())) << "no note";
+  struct Case {
+    const char* text;
+    uint16_t port;  // 0: refused
+    const char* base;
+  } cases[] = {
+      {R"({"url": "http://127.0.0.2:8787/", "address": "127.0.0.2", "port": 8787})", 8787, "http://127.0.0.2:8787"},
+      {R"({"url": "http://127.0.0.1:80/", "port": 80})", 80, "http://127.0.0.1:80"},
+      {R"({"url": "http://localhost:9/?token=t", "address": "0.0.0.0", "port": 9})", 9, "http://127.0.0.1:9"},
+      {R"({"url": "x", "address": "::", "port": 9})", 9, "http://[::1]:9"},
+      {R"({"url": "x", "address": "fe80::1", "port": 9})", 9, "http://[fe80::1]:9"},
+      {R"({"url": "x", "address": "localhost", "port": 9})", 9, "http://127.0.0.1:9"},
+      {R"({"url": "x", "port": "abc"})", 0, ""},
+      {R"({"url": "x", "port": 70000})", 0, ""},
+      {R"({"url": "x", "port": -1})", 0, ""},
+      {R"({"url": "x"})", 0, ""},
+      {R"({"url": 5, "port": 9})", 0, ""},
+      {R"({"url": "x", "address": [], "port": 9})", 0, ""},
+      {"not json", 0, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    std::ofstream(path) << c.text;
+    auto info = shelf::readServerInfo(host.layout());
+    ASSERT_EQ(info.has_value(), c.port != 0);
+    if (!info) continue;
+    EXPECT_EQ(info->port, c.port);
+    EXPECT_EQ(shelf::localBaseURL(*info), c.base);
+  }
 }
 
 // A download service that keeps a list and records what it is asked.
@@ -208,7 +278,7 @@ class FakeConnection : public shelf::WebSocketConnection {
   explicit FakeConnection(uint64_t id) : id_(id) {}
   uint64_t id() const override { return id_; }
   void send(std::string text) override { sent.push_back(nlohmann::json::parse(text)); }
-  void close() override {}
+  void close(shelf::CloseReason reason) override { closedWith = reason; }
   std::vector<nlohmann::json> of(const std::string& type) const {
     std::vector<nlohmann::json> found;
     for (const auto& m : sent)
@@ -216,9 +286,34 @@ class FakeConnection : public shelf::WebSocketConnection {
     return found;
   }
   std::vector<nlohmann::json> sent;
+  std::optional<shelf::CloseReason> closedWith;
 
  private:
   const uint64_t id_;
+};
+
+// A screen of the side menu ("Probe") that counts how often it is made and the rows selected.
+class ProbeScreen : public platform::TableScreenController {
+ public:
+  ProbeScreen() : TableScreenController({0}) { ++made; }
+  int64_t numberOfRowsInSection(int64_t) override { return 3; }
+  std::shared_ptr<platform::TableViewCell> createCellForRow(int64_t, int64_t) override { return nullptr; }
+  void cellSelectedAtRow(int64_t row, int64_t) override { selected.push_back(row); }
+  static inline int made = 0;
+  static inline std::vector<int64_t> selected;
+
+  static int64_t menuIndex() {
+    static const bool registered = [] {
+      platform::SideMenuRegistry::sharedInstance()->addMenuItem(std::make_shared<platform::SideMenuEntry>(
+          "Probe", "Probe", "org.shelf.test", platform::ControllerClass::of<ProbeScreen>("ProbeScreen"), 0, 0));
+      return true;
+    }();
+    (void)registered;
+    const auto entries = platform::SideMenuRegistry::sharedInstance()->menuItems();
+    for (size_t i = 0; i < entries.size(); ++i)
+      if (entries[i]->title() == "Probe") return static_cast<int64_t>(i);
+    return -1;
+  }
 };
 
 class BridgeTest : public ::testing::Test {
@@ -235,13 +330,69 @@ class BridgeTest : public ::testing::Test {
     host_.loop().runFor(std::chrono::milliseconds(20));
     return tab;
   }
-  void say(uint64_t id, const nlohmann::json& message) {
-    bridge_->message(id, message.dump());
+  void say(uint64_t id, const nlohmann::json& message) { sayRaw(id, message.dump()); }
+  void sayRaw(uint64_t id, const std::string& text) {
+    bridge_->message(id, text);
     host_.loop().runFor(std::chrono::milliseconds(20));
   }
   TestHost host_;
   std::shared_ptr<shelf::WebBridge> bridge_ = shelf::WebBridge::create();
 };
+
+TEST_F(BridgeTest, BadFramesAreIgnoredAndTheTabGoesOn) {
+  auto tab = connect(1);
+  const nlohmann::json probe = {{"t", "menu"}, {"index", ProbeScreen::menuIndex()}};
+  say(1, probe);
+  ASSERT_EQ(tab->of("screen").size(), 1u);
+  std::vector<bool> answers;
+  platform::AlertDialog::showConfirmDialogWithTitle(std::nullopt, std::string("Sure?"), "Delete",
+                                                    [&](bool ok) { answers.push_back(ok); });
+  ASSERT_EQ(tab->of("dialog").size(), 1u);
+  const std::string dialog = tab->of("dialog")[0]["id"].dump();
+  const std::string frames[] = {
+      R"({"t":5})", R"({"t":null})", R"({"t":[]})", R"({"t":"select","row":0,"section":0,"selected":"yes"})",
+      R"({"t":"select","row":"1","section":0,"selected":true})", R"({"t":"menu","index":"0"})",
+      R"({"t":"menu","index":1e300})", R"({"t":"menu","index":-1})", R"({"t":"menu"})",
+      R"({"t":"dialog","id":)" + dialog + R"(,"ok":"yes"})", R"({"t":"dialog","id":)" + dialog + R"(})",
+      R"({"t":"dialog","id":")" + dialog + R"(","ok":true})", R"({"t":"alertDismiss","id":-5})",
+      R"({"t":"tipDismiss","id":[]})", "[]", "\"menu\"", "{", "", "{\"t\":\"\xff\"}",
+  };
+  for (const auto& frame : frames) {
+    SCOPED_TRACE(frame);
+    sayRaw(1, frame);
+    EXPECT_FALSE(tab->closedWith);
+  }
+  EXPECT_TRUE(answers.empty());
+  EXPECT_TRUE(ProbeScreen::selected.empty());
+  EXPECT_EQ(tab->of("screen").size(), 1u);
+
+  say(1, {{"t", "dialog"}, {"id", nlohmann::json::parse(dialog)}, {"ok", true}});
+  EXPECT_EQ(answers, std::vector<bool>{true}) << "the dialog waited for a well-formed answer";
+  say(1, {{"t", "select"}, {"row", 1.0}, {"section", 0}, {"selected", true}});
+  EXPECT_EQ(ProbeScreen::selected, std::vector<int64_t>{1});
+  say(1, probe);
+  EXPECT_EQ(tab->of("screen").size(), 2u);
+}
+
+TEST_F(BridgeTest, AFloodOfScreenRequestsMakesOneScreenAndAnOverfullInboxClosesTheTab) {
+  auto tab = connect(1);
+  const std::string probe = nlohmann::json{{"t", "menu"}, {"index", ProbeScreen::menuIndex()}}.dump();
+  const std::string viewport = R"({"t":"viewport","section":0,"first":0,"last":5})";
+  const int made = ProbeScreen::made;
+  for (size_t i = 0; i < shelf::WebBridge::kInboxMessages; ++i) bridge_->message(1, i % 2 ? probe : viewport);
+  host_.loop().runFor(std::chrono::milliseconds(50));
+  EXPECT_EQ(ProbeScreen::made, made + 1);
+  EXPECT_EQ(tab->of("screen").size(), 1u);
+  EXPECT_FALSE(tab->closedWith);
+
+  for (size_t i = 0; i <= shelf::WebBridge::kInboxMessages; ++i) bridge_->message(1, probe);
+  host_.loop().runFor(std::chrono::milliseconds(50));
+  EXPECT_EQ(tab->closedWith, shelf::CloseReason::PolicyViolation);
+  EXPECT_EQ(ProbeScreen::made, made + 1) << "what was waiting is dropped with the tab";
+  auto big = connect(2);
+  bridge_->message(2, std::string(shelf::WebBridge::kInboxBytes + 1, ' '));
+  EXPECT_EQ(big->closedWith, shelf::CloseReason::PolicyViolation);
+}
 
 TEST_F(BridgeTest, AlertsWaitForATabAndCompleteWhenNoTabIsLeft) {
   int completions = 0;

@@ -193,35 +193,37 @@ TEST(ScreenSession, SteadyChangesAreSentAtMostTenTimesASecond) {
   EXPECT_EQ(tab.patches().back()["ops"].back()["props"]["text"], std::to_string(changes));
 }
 
+// A toolbar button, a switch in row 0 and a stepper (1 to 10) in row 1.
+class Controls : public platform::TableScreenController {
+ public:
+  Controls() : TableScreenController({0}) {}
+  void viewDidLoad() override {
+    button = std::make_shared<platform::BarButtonItem>(platform::Image{}, 0, [this](platform::BarButtonItem&) { ++taps; });
+    setToolbarItems({button});
+    setToolbarHidden(false);
+  }
+  int64_t numberOfRowsInSection(int64_t) override { return 2; }
+  std::shared_ptr<platform::TableViewCell> createCellForRow(int64_t row, int64_t) override {
+    if (row == 0) {
+      auto cell = dequeueSwitchCell();
+      cell->setSwitchValueChanged([this](platform::Switch& s) { switched = s.isOn(); });
+      return cell;
+    }
+    auto cell = dequeueStepperCell();
+    cell->stepper().setMinimumValue(1);
+    cell->stepper().setMaximumValue(10);
+    cell->setStepperValueChanged([this](platform::Stepper& s, platform::Label&) { stepped = s.value(); });
+    return cell;
+  }
+  std::shared_ptr<platform::BarButtonItem> button;
+  int taps = 0;
+  bool switched = false;
+  double stepped = 0;
+};
+
 TEST(ScreenSession, TapsSwitchesAndSteppersReachTheirViews) {
   TestHost host;
   Tab tab;
-  class Controls : public platform::TableScreenController {
-   public:
-    Controls() : TableScreenController({0}) {}
-    void viewDidLoad() override {
-      button = std::make_shared<platform::BarButtonItem>(platform::Image{}, 0, [this](platform::BarButtonItem&) { ++taps; });
-      setToolbarItems({button});
-      setToolbarHidden(false);
-    }
-    int64_t numberOfRowsInSection(int64_t) override { return 2; }
-    std::shared_ptr<platform::TableViewCell> createCellForRow(int64_t row, int64_t) override {
-      if (row == 0) {
-        auto cell = dequeueSwitchCell();
-        cell->setSwitchValueChanged([this](platform::Switch& s) { switched = s.isOn(); });
-        return cell;
-      }
-      auto cell = dequeueStepperCell();
-      cell->stepper().setMinimumValue(1);
-      cell->stepper().setMaximumValue(10);
-      cell->setStepperValueChanged([this](platform::Stepper& s, platform::Label&) { stepped = s.value(); });
-      return cell;
-    }
-    std::shared_ptr<platform::BarButtonItem> button;
-    int taps = 0;
-    bool switched = false;
-    double stepped = 0;
-  };
   auto controller = std::make_shared<Controls>();
   tab.session->setRoot(controller);
   auto switchCell = std::static_pointer_cast<platform::SwitchCell>(controller->cellAtRow(0, 0));
@@ -236,6 +238,51 @@ TEST(ScreenSession, TapsSwitchesAndSteppersReachTheirViews) {
   controller->button->setEnabled(false);
   tab.session->handle({{"t", "tap"}, {"id", controller->button->viewId()}});
   EXPECT_EQ(controller->taps, 1) << "a disabled button does nothing";
+}
+
+TEST(ScreenSession, MessagesWithMissingOrMistypedFieldsChangeNothing) {
+  TestHost host;
+  Tab tab;
+  auto controller = std::make_shared<Controls>();
+  tab.session->setRoot(controller);
+  const auto button = controller->button->viewId();
+  const auto toggle = std::static_pointer_cast<platform::SwitchCell>(controller->cellAtRow(0, 0))->switchView().viewId();
+  const auto stepper = std::static_pointer_cast<platform::StepperCell>(controller->cellAtRow(1, 0))->stepper().viewId();
+  using nlohmann::json;
+  const json messages[] = {
+      {{"t", 5}}, {{"t", nullptr}}, {{"t", json::array()}}, json::array({"select", 0, 0, true}), json("select"),
+      {{"t", "select"}, {"row", 0}, {"section", 0}, {"selected", "yes"}},
+      {{"t", "select"}, {"row", "0"}, {"section", 0}, {"selected", true}},
+      {{"t", "select"}, {"row", 0.5}, {"section", 0}, {"selected", true}},
+      {{"t", "select"}, {"row", 1e300}, {"section", 0}, {"selected", true}},
+      {{"t", "select"}, {"section", 0}, {"selected", true}},
+      {{"t", "tap"}, {"id", std::to_string(button)}}, {{"t", "tap"}, {"id", -1.0 * button}}, {{"t", "tap"}},
+      {{"t", "switch"}, {"id", toggle}, {"on", "yes"}}, {{"t", "switch"}, {"id", toggle}, {"on", 1}},
+      {{"t", "switch"}, {"id", toggle}},
+      {{"t", "stepper"}, {"id", stepper}, {"value", "7"}}, {{"t", "stepper"}, {"id", stepper}, {"value", nullptr}},
+      {{"t", "stepper"}, {"id", stepper}, {"value", true}},
+      // Ranges at the ends of the integers: no overflow, no thousands of cells.
+      {{"t", "viewport"}, {"section", 0}, {"first", INT64_MAX}, {"last", INT64_MAX}},
+      {{"t", "viewport"}, {"section", 0}, {"first", INT64_MIN}, {"last", UINT64_MAX}},
+      {{"t", "viewport"}, {"section", 0}, {"first", -1e300}, {"last", 1e300}},
+  };
+  for (const auto& message : messages) {
+    SCOPED_TRACE(message.dump());
+    EXPECT_NO_THROW(tab.session->handle(message));
+  }
+  EXPECT_EQ(controller->taps, 0);
+  EXPECT_FALSE(controller->switched);
+  EXPECT_EQ(controller->stepped, 0);
+  EXPECT_TRUE(controller->indexPathsForSelectedRows().empty());
+
+  // Well-formed messages still work, with numbers as a browser sends them.
+  tab.session->handle({{"t", "viewport"}, {"section", 0}, {"first", 0.0}, {"last", 10.0}});
+  ASSERT_TRUE(controller->cellAtRow(1, 0));
+  tab.session->handle({{"t", "select"}, {"row", 1.0}, {"section", 0}, {"selected", true}});
+  EXPECT_EQ(selectedRows(*controller), std::vector<int64_t>{1});
+  const auto shown = std::static_pointer_cast<platform::StepperCell>(controller->cellAtRow(1, 0))->stepper().viewId();
+  tab.session->handle({{"t", "stepper"}, {"id", static_cast<double>(shown)}, {"value", 4.0}});
+  EXPECT_EQ(controller->stepped, 4);
 }
 
 TEST(LayoutConstraints, ListsPlaceTheViewAlongItsAxis) {

@@ -4,6 +4,9 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,11 +33,14 @@ TEST(RequestGuardTest, DecidesFromHostOriginAndToken) {
   const GuardPolicy local{"127.0.0.1", 8080, std::nullopt}, lan{"192.168.1.5", 8080, "s3cret"},
       any{"0.0.0.0", 8080, "s3cret"}, v6{"::1", 8080, std::nullopt};
   const std::optional<std::string> none;
+  SessionTable sessions;
+  const std::string session = sessions.create();
+  EXPECT_NE(sessions.create(), session) << "every session has its own value";
   struct Case {
     const char* name;
     GuardPolicy policy;
     GuardInput input;  // host, origin, authorization, cookie, query token
-    bool allowed, setCookie;
+    bool allowed, startSession;
   };
   const Case cases[] = {
       {"listen address", local, {"127.0.0.1:8080", none, none, none, none}, true, false},
@@ -57,24 +63,63 @@ TEST(RequestGuardTest, DecidesFromHostOriginAndToken) {
       {"bearer", lan, {"192.168.1.5:8080", none, "bearer s3cret", none, none}, true, false},
       {"bearer wrong", lan, {"192.168.1.5:8080", none, "Bearer s3cre", none, none}, false, false},
       {"basic is not bearer", lan, {"192.168.1.5:8080", none, "Basic s3cret", none, none}, false, false},
-      {"cookie among others", lan, {"192.168.1.5:8080", none, none, "a=1; shelf_token=s3cret; b=2", none}, true, false},
-      {"cookie with another name", lan, {"192.168.1.5:8080", none, none, "xshelf_token=s3cret", none}, false, false},
-      {"query token sets cookie", lan, {"192.168.1.5:8080", none, none, none, "s3cret"}, true, true},
-      {"query token wrong", lan, {"192.168.1.5:8080", none, none, "shelf_token=x", "s3cre"}, false, false},
+      {"session among others", lan, {"192.168.1.5:8080", none, none, "a=1; shelf_session=" + session + "; b=2", none},
+       true, false},
+      {"session with another name", lan, {"192.168.1.5:8080", none, none, "xshelf_session=" + session, none}, false, false},
+      {"the token is no session", lan, {"192.168.1.5:8080", none, none, "shelf_session=s3cret", none}, false, false},
+      {"the old token cookie", lan, {"192.168.1.5:8080", none, none, "shelf_token=s3cret", none}, false, false},
+      {"empty session", lan, {"192.168.1.5:8080", none, none, "shelf_session=", none}, false, false},
+      {"query token starts a session", lan, {"192.168.1.5:8080", none, none, none, "s3cret"}, true, true},
+      {"query token wrong", lan, {"192.168.1.5:8080", none, none, "shelf_session=x", "s3cre"}, false, false},
       {"token does not excuse Host", lan, {"evil.example:8080", none, "Bearer s3cret", none, none}, false, false},
       {"wildcard takes any name", any, {"nas.lan:8080", "http://NAS.lan:8080", "Bearer s3cret", none, none}, true, false},
       {"wildcard Origin must be the Host", any, {"nas.lan:8080", "http://evil.example:8080", "Bearer s3cret", none, none},
        false, false},
       {"wildcard still wants the token", any, {"nas.lan:8080", none, none, none, none}, false, false},
-      {"empty token matches nothing", {"192.168.1.5", 8080, ""}, {"192.168.1.5:8080", none, "Bearer ", "shelf_token=", ""},
+      {"empty token matches nothing", {"192.168.1.5", 8080, ""}, {"192.168.1.5:8080", none, "Bearer ", "shelf_session=", ""},
        false, false},
   };
   for (const auto& c : cases) {
-    const auto verdict = checkRequest(c.policy, c.input);
+    const auto verdict = checkRequest(c.policy, c.input, sessions);
     EXPECT_EQ(verdict.allowed, c.allowed) << c.name;
-    EXPECT_EQ(verdict.setCookie, c.setCookie) << c.name;
+    EXPECT_EQ(verdict.startSession, c.startSession) << c.name;
     EXPECT_EQ(verdict.reason.empty(), c.allowed) << c.name;
   }
+}
+
+TEST(RequestGuardTest, StateChangesMustBeJsonFromThisSite) {
+  const std::optional<std::string> none;
+  const struct {
+    const char* method;
+    std::optional<std::string> contentType, fetchSite;
+    int status;
+  } cases[] = {
+      {"GET", none, "cross-site", 0},
+      {"HEAD", "text/plain", none, 0},
+      {"POST", "application/json", none, 0},
+      {"PUT", "Application/JSON; charset=utf-8", "same-origin", 0},
+      {"DELETE", " application/json ", "none", 0},
+      {"POST", "text/plain", none, 415},
+      {"POST", none, none, 415},
+      {"DELETE", none, none, 415},
+      {"POST", "application/x-www-form-urlencoded", none, 415},
+      {"POST", "multipart/form-data; boundary=x", none, 415},
+      {"POST", "application/json, text/plain", none, 415},
+      {"POST", "application/jsonx", none, 415},
+      {"POST", "application/json", "cross-site", 403},
+      {"PUT", "application/json", "Same-Site", 403},
+      {"PUT", "text/plain", "cross-site", 403},
+  };
+  for (const auto& c : cases) {
+    std::string reason;
+    EXPECT_EQ(checkStateChange(c.method, c.contentType, c.fetchSite, &reason), c.status)
+        << c.method << " " << c.contentType.value_or("-") << " " << c.fetchSite.value_or("-");
+    EXPECT_EQ(reason.empty(), c.status == 0);
+  }
+  for (auto [target, expected] : std::vector<std::pair<std::string, std::string>>{
+           {"/?token=T", "/"}, {"/a?token=T&b=1", "/a?b=1"}, {"/a?b=1&token=T&c", "/a?b=1&c"}, {"/a?%74oken=T", "/a"},
+           {"/a?token=1&token=2", "/a"}, {"/a?tokens=1", "/a?tokens=1"}, {"/a", "/a"}, {"/a?", "/a"}})
+    EXPECT_EQ(targetWithoutToken(target), expected) << target;
 }
 
 TEST(RequestGuardTest, ClassifiesAddressesAndComparesTokens) {
@@ -260,7 +305,9 @@ TEST_F(WebServerTest, RefusesForeignHostsAndOriginsBeforeRouting) {
   Client client(server_->port());
   int expectedCalls = 0;
   for (const auto& c : cases) {
-    const auto reply = client.request(http::verb::post, "/api/echo", c.headers, "{}");
+    auto headers = c.headers;
+    headers.emplace_back("Content-Type", "application/json");
+    const auto reply = client.request(http::verb::post, "/api/echo", headers, "{}");
     EXPECT_EQ(reply.status, c.status) << (c.headers.empty() ? "defaults" : c.headers[0].second);
     if (c.status == 403) {
       EXPECT_EQ(reply.header("content-type"), "text/plain; charset=utf-8");
@@ -274,15 +321,19 @@ TEST_F(WebServerTest, ApiAnswersFromAnotherThreadOnAKeptAliveConnection) {
   start();
   Client client(server_->port());
   for (int round = 0; round < 2; ++round) {
-    const auto reply = client.request(http::verb::post, "/api/a%20b?q=x+y%26z", {{"X-Test", "t"}}, "hello");
+    const auto reply =
+        client.request(http::verb::post, "/api/a%20b?q=x+y%26z", {{"X-Test", "t"}, {"Content-Type", "application/json"}}, "hello");
     EXPECT_EQ(reply.status, 201u);
     EXPECT_EQ(reply.body, "POST|/api/a b|x y&z|t|5");
     EXPECT_EQ(reply.header("x-answered"), "yes");
     EXPECT_EQ(reply.header("cache-control"), "no-store");
   }
   EXPECT_EQ(client.request(http::verb::get, "/api/drop").status, 500u);  // respond dropped unanswered
-  EXPECT_EQ(client.request(http::verb::put, "/api/big", {}, std::string(1 << 20, 'x')).body, "PUT|/api/big|||1048576");
-  EXPECT_EQ(client.request(http::verb::put, "/api/big", {}, std::string((1 << 20) + 1, 'x'), false).status, 413u);
+  const Headers json = {{"Content-Type", "application/json"}};
+  const size_t limit = WebServer::kMessageLimit;
+  EXPECT_EQ(client.request(http::verb::put, "/api/big", json, std::string(limit, 'x')).body,
+            "PUT|/api/big|||" + std::to_string(limit));
+  EXPECT_EQ(client.request(http::verb::put, "/api/big", json, std::string(limit + 1, 'x'), false).status, 413u);
 }
 
 TEST_F(WebServerTest, ServesFilesAndAnswersOtherPaths) {
@@ -314,39 +365,60 @@ TEST_F(WebServerTest, ServesFilesAndAnswersOtherPaths) {
     EXPECT_EQ(reply.header("x-content-type-options"), "nosniff");
     EXPECT_EQ(reply.header("cache-control"), "no-store");
     EXPECT_EQ(reply.header("content-security-policy"),
-              "default-src 'self'; connect-src 'self'; img-src 'self' data:; style-src 'self'");
+              "default-src 'self'; connect-src 'self'; img-src 'self' data:; style-src 'self'; frame-ancestors 'none'");
+    EXPECT_EQ(reply.header("x-frame-options"), "DENY");
     EXPECT_EQ(reply.header("set-cookie"), "<none>");
   }
 }
 
 TEST_F(WebServerTest, RequiresTheTokenWhenAskedTo) {
   start({.listenAddress = "127.0.0.1", .port = 0, .accessToken = "s3cret", .requireToken = true});
-  EXPECT_EQ(server_->url(), "http://127.0.0.1:" + std::to_string(server_->port()) + "/?token=s3cret");
+  const std::string port = std::to_string(server_->port());
+  EXPECT_EQ(server_->url(), "http://127.0.0.1:" + port + "/?token=s3cret");
   const struct {
     std::string target;
     Headers headers;
     unsigned status;
-    std::string cookie;
   } cases[] = {
-      {"/index.html", {}, 403, "<none>"},
-      {"/index.html", {{"Authorization", "Bearer wrong"}}, 403, "<none>"},
-      {"/index.html", {{"Authorization", "Bearer s3cret"}}, 200, "<none>"},
-      {"/index.html", {{"Cookie", "shelf_token=s3cret"}}, 200, "<none>"},
-      {"/index.html?token=wrong", {}, 403, "<none>"},
-      {"/index.html?token=s3cret", {}, 200, "shelf_token=s3cret; HttpOnly; SameSite=Strict; Path=/"},
+      {"/index.html", {}, 403},
+      {"/index.html", {{"Authorization", "Bearer wrong"}}, 403},
+      {"/index.html", {{"Authorization", "Bearer s3cret"}}, 200},
+      {"/index.html", {{"Cookie", "shelf_token=s3cret"}}, 403},
+      {"/index.html", {{"Cookie", "shelf_session_" + port + "=s3cret"}}, 403},
+      {"/index.html?token=wrong", {}, 403},
   };
   Client client(server_->port());
   for (const auto& c : cases) {
     const auto reply = client.request(http::verb::get, c.target, c.headers);
     EXPECT_EQ(reply.status, c.status) << c.target << " " << c.headers.size();
-    EXPECT_EQ(reply.header("set-cookie"), c.cookie) << c.target;
+    EXPECT_EQ(reply.header("set-cookie"), "<none>") << c.target;
   }
+
+  // The token in the address buys a session cookie and leaves the address.
+  auto enter = [&] { return client.request(http::verb::get, "/index.html?x=1&token=s3cret"); };
+  const auto entered = enter();
+  EXPECT_EQ(entered.status, 303u);
+  EXPECT_EQ(entered.header("location"), "/index.html?x=1");
+  const std::string cookie = entered.header("set-cookie");
+  const std::string name = "shelf_session_" + port + "=";
+  ASSERT_TRUE(cookie.starts_with(name)) << cookie;
+  EXPECT_TRUE(cookie.ends_with("; HttpOnly; SameSite=Strict; Path=/")) << cookie;
+  const std::string session = cookie.substr(name.size(), cookie.find(';') - name.size());
+  EXPECT_EQ(session.size(), 32u);
+  EXPECT_EQ(session.find("s3cret"), std::string::npos);
+  EXPECT_NE(enter().header("set-cookie"), cookie) << "each session has its own value";
+  EXPECT_EQ(client.request(http::verb::get, "/index.html", {{"Cookie", name + session}}).status, 200u);
+  const auto api = client.request(http::verb::get, "/api/echo?token=s3cret");
+  EXPECT_EQ(api.status, 201u) << "a program calling the API gets its answer, not a redirect";
+  EXPECT_EQ(api.header("set-cookie"), "<none>");
+
   asio::io_context ioc;
   unsigned status = 0;
-  EXPECT_FALSE(openWs(ioc, server_->port(), "http://127.0.0.1:" + std::to_string(server_->port()), &status));
+  const std::string origin = "http://127.0.0.1:" + port;
+  EXPECT_FALSE(openWs(ioc, server_->port(), origin, &status));
   EXPECT_EQ(status, 403u);
-  EXPECT_TRUE(openWs(ioc, server_->port(), "http://127.0.0.1:" + std::to_string(server_->port()), &status,
-                     {{"Cookie", "shelf_token=s3cret"}}));
+  EXPECT_FALSE(openWs(ioc, server_->port(), origin, &status, {{"Cookie", "shelf_token=s3cret"}}));
+  EXPECT_TRUE(openWs(ioc, server_->port(), origin, &status, {{"Cookie", name + session}}));
 }
 
 TEST_F(WebServerTest, RefusesToStartWithoutTokenOrAddress) {
@@ -401,6 +473,121 @@ TEST_F(WebServerTest, WebSocketCarriesTextBothWaysAndCloses) {
   b->send("after the server is gone");  // does nothing
   b->close();
   EXPECT_THROW(Client{port}, boost::system::system_error);  // no longer listening
+}
+
+// A blocking socket to the server with a 5 s receive timeout, for the tests
+// that count descriptors (an io_context needs some of its own).
+int plainSocket() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  timeval timeout{5, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  return fd;
+}
+
+bool plainConnect(int fd, uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
+
+// Sends a GET of /index.html that closes the connection; returns what came back before the end.
+std::string plainGet(int fd, uint16_t port) {
+  const std::string request =
+      "GET /index.html HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) + "\r\nConnection: close\r\n\r\n";
+  if (::send(fd, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size())) return "";
+  std::string reply;
+  char buffer[4096];
+  for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) reply.append(buffer, static_cast<size_t>(n));
+  return reply;
+}
+
+TEST_F(WebServerTest, ATabThatDoesNotReadIsDisconnected) {
+  start();
+  asio::io_context ioc;
+  unsigned status = 0;
+  auto tab = openWs(ioc, server_->port(), "http://127.0.0.1:" + std::to_string(server_->port()), &status);
+  ASSERT_TRUE(tab && waitForSockets(1));
+  const auto handle = socket(0);
+  const std::string closed = "closed " + std::to_string(handle->id());
+  // Far more than the socket buffers and the outbox hold together; the tab never reads.
+  const std::string chunk(64 << 10, 'x');
+  for (int i = 0; i < 1024; ++i) {
+    handle->send(chunk);
+    std::lock_guard lock(mutex_);
+    if (std::count(events_.begin(), events_.end(), closed)) break;
+  }
+  EXPECT_TRUE(waitForEvent(closed)) << "the outbox does not grow without end";
+}
+
+TEST_F(WebServerTest, ConnectionsPastTheCapAreClosedUntilOneEnds) {
+  start();
+  const uint16_t port = server_->port();
+  std::vector<int> idle;
+  for (size_t i = 0; i < WebServer::kMaxConnections; ++i) {
+    idle.push_back(plainSocket());
+    ASSERT_TRUE(plainConnect(idle.back(), port));
+  }
+  // Accepted in order: this one comes after the cap is reached.
+  const int extra = plainSocket();
+  ASSERT_TRUE(plainConnect(extra, port));
+  EXPECT_EQ(plainGet(extra, port), "");
+  ::close(extra);
+
+  ::close(idle.back());
+  idle.pop_back();
+  std::string reply;
+  for (int attempt = 0; attempt < 100 && reply.empty(); ++attempt) {
+    const int next = plainSocket();
+    ASSERT_TRUE(plainConnect(next, port));
+    reply = plainGet(next, port);
+    ::close(next);
+    if (reply.empty()) std::this_thread::sleep_for(20ms);
+  }
+  EXPECT_TRUE(reply.starts_with("HTTP/1.1 200")) << reply;
+  for (int fd : idle) ::close(fd);
+}
+
+TEST_F(WebServerTest, WithoutDescriptorsItPausesAndAnswersOnceOneFrees) {
+  start();
+  const uint16_t port = server_->port();
+  rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+  int highest = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    highest = std::max(highest, std::atoi(entry.path().filename().c_str()));
+  rlimit low = saved;
+  low.rlim_cur = static_cast<rlim_t>(highest) + 16;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+  std::vector<int> fillers;
+  struct Restore {
+    rlimit limit;
+    std::vector<int>& fillers;
+    ~Restore() {
+      for (int fd : fillers) ::close(fd);
+      fillers.clear();
+      ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+  } restore{saved, fillers};
+
+  const int client = plainSocket();
+  ASSERT_GE(client, 0);
+  for (int fd; (fd = ::dup(client)) >= 0;) fillers.push_back(fd);
+  const int exhausted = errno;
+  const bool connected = plainConnect(client, port);  // waits in the backlog: the server cannot accept it
+  std::this_thread::sleep_for(300ms);
+  const uint64_t failed = server_->failedAccepts();
+  // Checked once descriptors are back: a failing check needs some itself.
+  for (int fd : fillers) ::close(fd);
+  fillers.clear();
+  ASSERT_EQ(exhausted, EMFILE);
+  ASSERT_TRUE(connected);
+  EXPECT_GE(failed, 1u);
+  EXPECT_LT(failed, 30u) << "it pauses between tries instead of spinning";
+  const std::string reply = plainGet(client, port);
+  EXPECT_TRUE(reply.starts_with("HTTP/1.1 200")) << reply;
+  ::close(client);
 }
 
 }  // namespace

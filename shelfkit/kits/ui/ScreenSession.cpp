@@ -1,6 +1,7 @@
 #include "shelfkit/kits/ui/ScreenSession.h"
 
 #include "module/platform/MainQueue.h"
+#include "shelfkit/kits/ui/MessageFields.h"
 
 namespace shelfkit {
 namespace {
@@ -91,29 +92,36 @@ void ScreenSession::send(const nlohmann::json& message) {
 
 bool ScreenSession::handle(const nlohmann::json& message) {
   DCHECK_ON_MAIN();
-  const std::string type = message.value("t", "");
+  const auto type = stringField(message, "t");
+  if (!type) return false;
   auto controller = current();
-  if (type == "back") {
+  if (*type == "back") {
     back();
     return true;
   }
-  if (!controller) return type == "select" || type == "viewport" || type == "tap" || type == "switch" || type == "stepper";
-  auto number = [&](const char* key) { return message.contains(key) && message[key].is_number() ? message[key].get<double>() : 0.0; };
-  auto id = [&] { return static_cast<uint64_t>(number("id")); };
-  if (type == "select") {
-    controller->userSelectRow(static_cast<int64_t>(number("row")), static_cast<int64_t>(number("section")),
-                              message.value("selected", false));
-  } else if (type == "viewport") {
-    controller->setVisibleRows(static_cast<int64_t>(number("section")), static_cast<int64_t>(number("first")),
-                               static_cast<int64_t>(number("last")));
-  } else if (type == "tap") {
-    if (auto* item = dynamic_cast<platform::BarButtonItem*>(controller->findView(id()))) item->tap();
-  } else if (type == "switch") {
-    if (auto* view = dynamic_cast<platform::Switch*>(controller->findView(id()))) view->userSetOn(message.value("on", false));
-  } else if (type == "stepper") {
-    if (auto* view = dynamic_cast<platform::Stepper*>(controller->findView(id()))) view->userSetValue(number("value"));
+  const bool known = *type == "select" || *type == "viewport" || *type == "tap" || *type == "switch" || *type == "stepper";
+  if (!known || !controller) return known;
+  // A message whose fields are missing or of the wrong type is ignored.
+  if (*type == "select") {
+    const auto row = integerField(message, "row"), section = integerField(message, "section");
+    const auto selected = boolField(message, "selected");
+    if (row && section && selected) controller->userSelectRow(*row, *section, *selected);
+  } else if (*type == "viewport") {
+    const auto section = integerField(message, "section"), first = integerField(message, "first"),
+               last = integerField(message, "last");
+    if (section && first && last) controller->setVisibleRows(*section, *first, *last);
+  } else if (const auto id = idField(message, "id"); !id) {
+    return true;
+  } else if (*type == "tap") {
+    if (auto* item = dynamic_cast<platform::BarButtonItem*>(controller->findView(*id))) item->tap();
+  } else if (*type == "switch") {
+    const auto on = boolField(message, "on");
+    auto* view = dynamic_cast<platform::Switch*>(controller->findView(*id));
+    if (view && on) view->userSetOn(*on);
   } else {
-    return false;
+    const auto value = numberField(message, "value");
+    auto* view = dynamic_cast<platform::Stepper*>(controller->findView(*id));
+    if (view && value) view->userSetValue(*value);
   }
   return true;
 }

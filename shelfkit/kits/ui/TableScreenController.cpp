@@ -1,6 +1,7 @@
 #include "module/platform/ui/TableScreenController.h"
 
 #include <algorithm>
+#include <limits>
 
 #include "module/platform/Log.h"
 #include "module/platform/MainQueue.h"
@@ -152,7 +153,9 @@ void TableScreenController::setVisibleRows(int64_t number, int64_t first, int64_
   DCHECK_ON_MAIN();
   Section* section = findSection(number);
   if (!section || !loaded_) return;
-  section->first = std::max<int64_t>(0, first);
+  // Far enough from the end of int64_t that first + kMaxVisibleRows + kOverscan cannot overflow.
+  constexpr int64_t kHighestFirst = std::numeric_limits<int64_t>::max() / 2;
+  section->first = std::clamp<int64_t>(first, 0, kHighestFirst);
   // A browser shows tens of rows; a larger range is cut, so a client cannot make thousands of cells.
   section->last = std::clamp(last, section->first, section->first + kMaxVisibleRows);
   reconcileCells(*section);
