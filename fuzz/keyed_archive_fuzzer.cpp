@@ -53,6 +53,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (failedAtStart) CHECK(coder.failed());
   }
 
+  // Reading the text directly gives what reading its parsed tree gives.
+  {
+    platform::KeyedUnarchiver direct = platform::KeyedUnarchiver::fromData(bytes);
+    auto tree = platform::KeyedArchive::parse(bytes, nullptr, /*allow_exceptions=*/false);
+    platform::KeyedUnarchiver viaTree(tree.is_discarded() ? platform::KeyedArchive() : tree);
+    CHECK(direct.failed() == viaTree.failed());
+    CHECK(direct.decodeStringForKey("filename") == viaTree.decodeStringForKey("filename"));
+    CHECK(direct.decodeInt64ForKey("position") == viaTree.decodeInt64ForKey("position"));
+    CHECK(direct.decodeBoolForKey("active") == viaTree.decodeBoolForKey("active"));
+    CHECK(direct.decodeURLForKey("url") == viaTree.decodeURLForKey("url"));
+    CHECK(direct.failed() == viaTree.failed());
+  }
+
   auto record = decode(bytes);
   if (!record) return 0;
   CHECK(!record->uniqueId().empty());

@@ -140,7 +140,10 @@ void DFDownloadManager::storeDownloadOperation(const Record& downloadOperation) 
 
 void DFDownloadManager::updateDownloadOperation(const Record& downloadOperation) {
   DCHECK_ON_MAIN();
-  storeDownloadOperation(downloadOperation);
+  // Progress that moves no stored field (a playlist's growing file) leaves the
+  // stored archive as it is: writing the same bytes again per packet is waste.
+  if (downloadOperation->storedArchiveVersion() != downloadOperation->archiveVersion())
+    storeDownloadOperation(downloadOperation);
   notifyDelegates([&](DFDownloadManagerDelegate& d) { d.downloadOperationChanged(*this, downloadOperation); });
 }
 

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -50,9 +51,25 @@ class KeyedUnarchiver {
 
   bool failed() const { return failed_; }
 
+  // One member of the archive: its key and, when it is a one-member object,
+  // the kind it names and its payload. Read from text without building a tree.
+  struct Member {
+    enum class Payload : uint8_t { Other, String, Integer, Boolean };
+    std::string key;
+    std::string kind;
+    bool isNull = false;
+    bool isObject = false;
+    int members = 0;  // of the value object, counted up to 2
+    Payload payload = Payload::Other;
+    std::string text;
+    int64_t integer = 0;
+    bool boolean = false;
+  };
+
  private:
-  const KeyedArchive* valueOfKind(const char* key, const char* kind);
-  KeyedArchive archive_;
+  KeyedUnarchiver() = default;
+  const Member* valueOfKind(const char* key, const char* kind, Member::Payload payload);
+  std::vector<Member> members_;
   bool failed_ = false;
 };
 

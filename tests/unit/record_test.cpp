@@ -108,6 +108,44 @@ TEST(DownloadOperation, ArchivesThatCannotBeDecodedYieldNoRecord) {
   }
 }
 
+// Archives this program writes are read without a JSON tree; anything else
+// any JSON writer could produce must read exactly as before.
+TEST(DownloadOperation, ArchivesInAnyJSONFormReadTheSame) {
+  struct Case {
+    const char* data;
+    bool failed;
+    int64_t position;
+    std::optional<std::string> filename;
+  };
+  const Case cases[] = {
+      {R"({"position":{"int64":7},"filename":{"string":"a.bin"}})", false, 7, "a.bin"},
+      {R"( { "position" : { "int64" : 7 } } )", false, 7, std::nullopt},
+      {R"({"filename":{"string":"caf\u00e9 \"x\".bin"}})", false, 0, "caf\xc3\xa9 \"x\".bin"},
+      {"{\"filename\":{\"string\":\"caf\xc3\xa9.bin\"}}", false, 0, "caf\xc3\xa9.bin"},
+      {R"({"position":{"int64":7},"position":{"int64":-8}})", false, -8, std::nullopt},  // the last counts
+      {R"({"position":null,"filename":null})", false, 0, std::nullopt},
+      {R"({"position":{"int64":-0}})", false, 0, std::nullopt},
+      {R"({})", false, 0, std::nullopt},
+      {R"({"position":{"int64":01}})", true, 0, std::nullopt},  // not JSON
+      {R"({"position":{"int64":1.5}})", true, 0, std::nullopt},
+      {R"({"position":{"int64":null}})", true, 0, std::nullopt},
+      {R"({"position":{}})", true, 0, std::nullopt},
+      {R"({"position":{"int64":7,"bool":true}})", true, 0, std::nullopt},
+      {R"({"position":{"int64":7,"int64":9}})", false, 9, std::nullopt},
+      {R"({"position":{"int64":[7]}})", true, 0, std::nullopt},
+      {R"({"position":{"int64":7}}x)", true, 0, std::nullopt},
+      {R"({"position":{"int64":7})", true, 0, std::nullopt},
+      {"7", true, 0, std::nullopt},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.data);
+    auto coder = platform::KeyedUnarchiver::fromData(c.data);
+    EXPECT_EQ(coder.decodeInt64ForKey("position"), c.position);
+    EXPECT_EQ(coder.decodeStringForKey("filename"), c.filename);
+    EXPECT_EQ(coder.failed(), c.failed);
+  }
+}
+
 TEST(DownloadOperation, MissingIntegerAndBooleanKeysReadAsZeroAndFalse) {
   auto coder = platform::KeyedUnarchiver::fromData(R"({"url":{"url":"http://a/f"},"uniqueId":{"string":"ID"}})");
   auto record = DFDownloadOperation::initWithCoder(coder);
