@@ -147,29 +147,43 @@ int runGet(const GetOptions& options) {
     const auto saved = service->downloads();
     follower->reportPlacements();
 
-    // Each address given takes up a saved download of the same address, if any.
+    // Each address given takes up, in this order, a file an earlier run placed
+    // (the run was interrupted later), a saved download of the same address,
+    // or else nothing: it is fetched anew.
+    std::map<std::string, std::deque<std::string>> placedByAddress;
+    for (auto& entry : state.placed()) placedByAddress[entry.url].push_back(std::move(entry.path));
     std::map<std::string, std::deque<std::string>> savedByAddress;
     for (const auto& item : saved) savedByAddress[item.url].push_back(item.uniqueId);
     std::vector<platform::URL> fresh;
     std::set<std::string> resumed;
     for (const auto& url : urls) {
-      auto& ids = savedByAddress[url.absoluteString()];
-      if (ids.empty()) {
-        fresh.push_back(url);
-        continue;
-      }
-      const std::string id = ids.front();
-      ids.pop_front();
+      const std::string address = url.absoluteString();
+      auto& paths = placedByAddress[address];
+      auto& ids = savedByAddress[address];
       if (options.restart) {
-        service->removeDownload(id);
-        fresh.push_back(url);
-        continue;
+        if (!paths.empty()) state.forgetPlaced(address);
+        paths.clear();
+        while (!ids.empty()) {
+          service->removeDownload(ids.front());
+          ids.pop_front();
+        }
       }
-      resumed.insert(id);
-      follower->follow(id);
+      while (!paths.empty() && !fs::exists(paths.front())) paths.pop_front();
+      if (!paths.empty()) {
+        printer.note("shelf: " + address + ": placed by an earlier run");
+        printer.placed("", paths.front(), 0, ProgressPrinter::Clock::now());
+        paths.pop_front();
+      } else if (!ids.empty()) {
+        resumed.insert(ids.front());
+        follower->follow(ids.front());
+        ids.pop_front();
+      } else {
+        fresh.push_back(url);
+      }
     }
     // Saved downloads of other addresses wait for a run that asks for them.
-    for (const auto& item : saved) service->setActive(item.uniqueId, resumed.count(item.uniqueId) > 0);
+    for (const auto& item : service->downloads()) service->setActive(item.uniqueId, resumed.count(item.uniqueId) > 0);
+    follower->onPlaced = [&state](const std::string& url, const std::string& path) { state.notePlaced(url, path); };
     service->addObserver(follower);
     auto settings = service->settings();
     settings.downloadsPermitted = true;

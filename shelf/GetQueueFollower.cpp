@@ -34,8 +34,10 @@ void GetQueueFollower::reportPlacements() {
       printer_.placed("", path, 0, now);  // placed just before the last run ended
       continue;
     }
-    printer_.placed(awaitingPath_.front().uniqueId, path, awaitingPath_.front().size, now);
+    const Placement placement = std::move(awaitingPath_.front());
     awaitingPath_.pop_front();
+    if (onPlaced) onPlaced(placement.url, path);
+    printer_.placed(placement.uniqueId, path, placement.size, now);
   }
 }
 
@@ -63,7 +65,7 @@ void GetQueueFollower::downloadServiceEvent(platform::DownloadEvent event, const
       // The module removes a download once its file is placed; the path joins
       // the recent items right after.
       followed_.erase(item.uniqueId);
-      awaitingPath_.push_back({item.uniqueId, item.size});
+      awaitingPath_.push_back({item.uniqueId, item.url, item.size});
       platform::dispatchAsyncMain([weak = weak_from_this()] {
         if (auto self = weak.lock()) self->reportPlacements();
       });

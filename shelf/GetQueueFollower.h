@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -31,6 +32,9 @@ class GetQueueFollower : public platform::DownloadServiceObserver,
   void downloadServiceEvent(platform::DownloadEvent event, const platform::DownloadItem& item) override;
 
   // True once every followed download is placed or given up, and reported.
+  // Told of each placed download of this run, before its path is printed.
+  std::function<void(const std::string& url, const std::string& path)> onPlaced;
+
   bool done() const { return followed_.empty() && awaitingPath_.empty(); }
   bool gaveUp() const { return gaveUp_; }
   std::size_t followedCount() const { return followed_.size(); }
@@ -41,6 +45,7 @@ class GetQueueFollower : public platform::DownloadServiceObserver,
 
   struct Placement {
     std::string uniqueId;
+    std::string url;
     int64_t size;
   };
 

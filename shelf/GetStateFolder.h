@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "shelfkit/runtime/RootLayout.h"
 
@@ -28,8 +29,20 @@ class GetStateFolder {
   // Removes the whole folder. REQUIRES: open() answered Ready; nothing of it is wanted.
   void remove();
 
+  // The files that runs since the folder was made placed, with their
+  // addresses, so that running an interrupted list again skips them. The list
+  // goes with the folder, once a run has left nothing to resume.
+  struct Placed {
+    std::string url;
+    std::string path;
+  };
+  std::vector<Placed> placed() const;
+  void notePlaced(const std::string& url, const std::string& path);
+  void forgetPlaced(const std::string& url);
+
  private:
   std::string lockPath() const { return layout_.library + "/get.lock"; }
+  std::string placedPath() const { return layout_.library + "/placed.jsonl"; }
 
   shelfkit::RootLayout layout_;
   int lockFd_ = -1;
