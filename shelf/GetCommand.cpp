@@ -27,10 +27,11 @@
 namespace fs = std::filesystem;
 
 const char* const kGetStatusHelp =
-    "Exit status: 0 every file was placed; 1 an address was refused or a download failed\n"
-    "N times in a row (what arrived is kept); 2 bad input (an address, the list, the folder,\n"
-    "or another run using the folder); 130 interrupted by SIGINT or SIGTERM (what arrived\n"
-    "is kept: the same command resumes it).";
+    "Exit status:\n"
+    "  0    every file was placed\n"
+    "  1    an address was refused, or a download failed N times in a row (what arrived is kept)\n"
+    "  2    bad input: an address, the list, the folder, or another run using the folder\n"
+    "  130  interrupted by SIGINT or SIGTERM (what arrived is kept; the same command resumes)";
 
 namespace {
 

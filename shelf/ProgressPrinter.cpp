@@ -114,7 +114,7 @@ std::size_t ProgressPrinter::width() const {
 }
 
 void ProgressPrinter::redraw(Clock::time_point now) {
-  if (mode_ != Mode::Terminal) return;
+  if (mode_ != Mode::Terminal || finished_) return;
   lastDraw_ = now;
   clearBlock();
   const std::size_t columns = width();
@@ -126,4 +126,9 @@ void ProgressPrinter::redraw(Clock::time_point now) {
   std::fflush(err_);
 }
 
-void ProgressPrinter::finish() { clearBlock(); }
+void ProgressPrinter::finish() {
+  if (finished_) return;
+  redraw(Clock::now());
+  drawn_ = 0;  // what was running when the run ended stays on the screen
+  finished_ = true;
+}

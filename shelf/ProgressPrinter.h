@@ -40,7 +40,7 @@ class ProgressPrinter {
   void note(const std::string& text);   // not when quiet
   // Terminal: draws the running downloads' lines anew.
   void redraw(Clock::time_point now);
-  // Terminal: takes the lines away, leaving what scrolled above.
+  // Terminal: draws the lines a last time and leaves them; nothing is drawn after.
   void finish();
 
  private:
@@ -70,4 +70,5 @@ class ProgressPrinter {
   std::vector<Download> downloads_;  // in order of first start
   std::size_t drawn_ = 0;            // terminal lines of the block on screen now
   Clock::time_point lastDraw_{};
+  bool finished_ = false;
 };

@@ -319,7 +319,7 @@ TEST(ShelfGetInput, ListsOfAddresses) {
       {"a list with no address", {"get", "-i", folder + "/empty.txt"}, "", 2, "no address", false},
       {"a list that is not there", {"get", "-i", folder + "/missing.txt"}, "", 2, "cannot read the list", false},
       {"an unknown option", {"get", "--bogus", a}, "", 2, "--bogus", false},
-      {"the help tells the exit statuses", {"get", "--help"}, "", 0, "130 interrupted", false},
+      {"the help tells the exit statuses", {"get", "--help"}, "", 0, "130  interrupted", false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
