@@ -158,14 +158,15 @@ std::optional<int64_t> rangeStart(const RecordedRequest& request) {
 
 TEST(ShelfGetResume, AnInterruptedRunContinuesFromTheLastCompleteChunk) {
   const int64_t size = 5000000;  // chunks of 500000
-  const int64_t kept = 2000000;  // four chunks arrive; the fifth and those read ahead hang
+  const int64_t kept = 2000000;  // four chunks arrive; the fifth and those read ahead hang (or fail)
   const struct {
     const char* what;
-    int signal;
+    int signal;  // 0: the run gives up after a failure (--tries 1)
     bool restart;
   } cases[] = {
       {"Ctrl-C", SIGINT, false},
       {"killed", SIGKILL, false},
+      {"given up after a failure", 0, false},
       {"Ctrl-C, then --restart", SIGINT, true},
   };
   for (const auto& c : cases) {
@@ -174,13 +175,23 @@ TEST(ShelfGetResume, AnInterruptedRunContinuesFromTheLastCompleteChunk) {
     std::atomic<bool> holding = true;
     server.setHandler("/big.dat", [&](const RecordedRequest& request, int) {
       Behaviour b{.size = size};
-      if (holding && rangeStart(request).value_or(0) >= kept) b.stallAtByte = 0;
+      if (holding && rangeStart(request).value_or(0) >= kept) {
+        if (c.signal != 0) b.stallAtByte = 0;
+        else b.dropAfterBytes = 1000;
+      }
       return b;
     });
     server.setRoute("/small.txt", {.size = 3000, .mimeType = "text/plain"});  // placed before the interruption
     const std::string out = makeTemporaryDirectory();
     const std::vector<std::string> command{"get", server.url("/big.dat"), server.url("/small.txt"), "-o", out};
-    {
+    if (c.signal == 0) {
+      auto giveUp = command;
+      giveUp.insert(giveUp.end(), {"--tries", "1"});
+      const Finished first = runShelf(giveUp);
+      EXPECT_EQ(first.status, 1) << first.output;
+      EXPECT_NE(first.output.find("what arrived is kept"), std::string::npos) << first.output;
+      EXPECT_EQ(savedPosition(out, "big.dat"), kept);
+    } else {
       ShelfProcess first(command);
       ASSERT_TRUE(waitFor([&] {
         return temporaryFileSize(out) == kept && savedPosition(out, "big.dat") == kept &&
@@ -192,8 +203,8 @@ TEST(ShelfGetResume, AnInterruptedRunContinuesFromTheLastCompleteChunk) {
       if (c.signal == SIGINT) {
         EXPECT_NE(first.output().find("run the same command again"), std::string::npos) << first.output();
       }
-      EXPECT_EQ(temporaryFileSize(out), kept) << "the partial data is kept";
     }
+    EXPECT_EQ(temporaryFileSize(out), kept) << "the partial data is kept";
     const size_t mark = server.requests("/big.dat").size();
     const size_t smallMark = server.requests("/small.txt").size();
     holding = false;
