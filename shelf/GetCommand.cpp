@@ -88,6 +88,47 @@ ProgressPrinter::Mode printerMode(const GetOptions& options) {
   return ::isatty(STDERR_FILENO) ? ProgressPrinter::Mode::Terminal : ProgressPrinter::Mode::Log;
 }
 
+// Each address given takes up, in this order, a file an earlier run placed
+// (that run was interrupted later), a saved download of the same address
+// (switched on; it resumes), or else nothing: it is returned, to be fetched
+// anew. Saved downloads of other addresses are switched off: they wait for a
+// run that names them. With --restart, what was kept of the addresses goes.
+std::vector<platform::URL> takeUpKeptWork(const GetOptions& options, const std::vector<platform::URL>& urls,
+                                          const std::vector<platform::DownloadItem>& saved,
+                                          platform::DownloadService& service, GetStateFolder& state,
+                                          GetQueueFollower& follower, ProgressPrinter& printer) {
+  std::map<std::string, std::deque<std::string>> placedByAddress;
+  for (auto& entry : state.placed()) placedByAddress[entry.url].push_back(std::move(entry.path));
+  std::map<std::string, std::deque<std::string>> savedByAddress;
+  for (const auto& item : saved) savedByAddress[item.url].push_back(item.uniqueId);
+  std::vector<platform::URL> fresh;
+  std::set<std::string> resumed;
+  for (const auto& url : urls) {
+    const std::string address = url.absoluteString();
+    auto& paths = placedByAddress[address];
+    auto& ids = savedByAddress[address];
+    if (options.restart) {
+      if (!paths.empty()) state.forgetPlaced(address);
+      paths.clear();
+      for (; !ids.empty(); ids.pop_front()) service.removeDownload(ids.front());
+    }
+    while (!paths.empty() && !fs::exists(paths.front())) paths.pop_front();
+    if (!paths.empty()) {
+      printer.note("shelf: " + address + ": placed by an earlier run");
+      printer.placed("", paths.front(), 0, ProgressPrinter::Clock::now());
+      paths.pop_front();
+    } else if (!ids.empty()) {
+      resumed.insert(ids.front());
+      follower.follow(ids.front());
+      ids.pop_front();
+    } else {
+      fresh.push_back(url);
+    }
+  }
+  for (const auto& item : service.downloads()) service.setActive(item.uniqueId, resumed.count(item.uniqueId) > 0);
+  return fresh;
+}
+
 }  // namespace
 
 int runGet(const GetOptions& options) {
@@ -148,42 +189,7 @@ int runGet(const GetOptions& options) {
     const auto saved = service->downloads();
     follower->reportPlacements();
 
-    // Each address given takes up, in this order, a file an earlier run placed
-    // (the run was interrupted later), a saved download of the same address,
-    // or else nothing: it is fetched anew.
-    std::map<std::string, std::deque<std::string>> placedByAddress;
-    for (auto& entry : state.placed()) placedByAddress[entry.url].push_back(std::move(entry.path));
-    std::map<std::string, std::deque<std::string>> savedByAddress;
-    for (const auto& item : saved) savedByAddress[item.url].push_back(item.uniqueId);
-    std::vector<platform::URL> fresh;
-    std::set<std::string> resumed;
-    for (const auto& url : urls) {
-      const std::string address = url.absoluteString();
-      auto& paths = placedByAddress[address];
-      auto& ids = savedByAddress[address];
-      if (options.restart) {
-        if (!paths.empty()) state.forgetPlaced(address);
-        paths.clear();
-        while (!ids.empty()) {
-          service->removeDownload(ids.front());
-          ids.pop_front();
-        }
-      }
-      while (!paths.empty() && !fs::exists(paths.front())) paths.pop_front();
-      if (!paths.empty()) {
-        printer.note("shelf: " + address + ": placed by an earlier run");
-        printer.placed("", paths.front(), 0, ProgressPrinter::Clock::now());
-        paths.pop_front();
-      } else if (!ids.empty()) {
-        resumed.insert(ids.front());
-        follower->follow(ids.front());
-        ids.pop_front();
-      } else {
-        fresh.push_back(url);
-      }
-    }
-    // Saved downloads of other addresses wait for a run that asks for them.
-    for (const auto& item : service->downloads()) service->setActive(item.uniqueId, resumed.count(item.uniqueId) > 0);
+    const std::vector<platform::URL> fresh = takeUpKeptWork(options, urls, saved, *service, state, *follower, printer);
     follower->onPlaced = [&state](const std::string& url, const std::string& path) { state.notePlaced(url, path); };
     service->addObserver(follower);
     auto settings = service->settings();
