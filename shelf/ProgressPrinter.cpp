@@ -1,55 +1,134 @@
 #include "shelf/ProgressPrinter.h"
 
-#include <cstdio>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "module/platform/ui/Formatting.h"
 
 namespace {
 
-std::string mebibytes(int64_t bytes) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.1f MiB", static_cast<double>(bytes) / (1024 * 1024));
-  return text;
-}
+constexpr std::size_t kDefaultWidth = 80;
 
 }  // namespace
 
-void ProgressPrinter::update(const std::string& name, int64_t received, int64_t size) {
-  if (!terminal_) {
-    const int tenth = size > 0 ? static_cast<int>(received * 10 / size) : -1;
-    auto [it, fresh] = lastTenth_.emplace(name, tenth);
-    if (!fresh && (tenth <= it->second || tenth < 0)) return;
-    it->second = tenth;
-    if (size > 0) {
-      std::fprintf(stderr, "%s: %d%% of %s\n", name.c_str(), tenth * 10, mebibytes(size).c_str());
-    } else {
-      std::fprintf(stderr, "%s: started\n", name.c_str());
-    }
-    return;
-  }
-  const auto now = std::chrono::steady_clock::now();
-  if (barShown_ && now - lastDraw_ < std::chrono::milliseconds(100) && received != size) return;
-  lastDraw_ = now;
-  constexpr int kWidth = 30;
-  std::string bar;
-  if (size > 0) {
-    const int filled = static_cast<int>(received * kWidth / size);
-    bar = "[" + std::string(filled, '#') + std::string(kWidth - filled, ' ') + "] " +
-          std::to_string(received * 100 / size) + "%  " + mebibytes(received) + " / " + mebibytes(size);
-  } else {
-    bar = mebibytes(received);
-  }
-  std::string shown = name.size() > 40 ? name.substr(0, 37) + "..." : name;
-  std::fprintf(stderr, "\r\033[K%s  %s", shown.c_str(), bar.c_str());
-  std::fflush(stderr);
-  barShown_ = true;
+ProgressPrinter::Download* ProgressPrinter::find(const std::string& id) {
+  auto it = std::find_if(downloads_.begin(), downloads_.end(), [&](const Download& d) { return d.id == id; });
+  return it == downloads_.end() ? nullptr : &*it;
 }
 
-void ProgressPrinter::message(const std::string& text) {
-  if (barShown_) std::fprintf(stderr, "\r\033[K");
-  std::fprintf(stderr, "%s\n", text.c_str());
-  barShown_ = false;
+ProgressFigures ProgressPrinter::figuresOf(const Download& download, Clock::time_point now) const {
+  return {download.name, download.done, download.total, download.meter.bytesPerSecond(now)};
+}
+
+void ProgressPrinter::started(const std::string& id, const std::string& name, int64_t done, int64_t total,
+                              Clock::time_point now) {
+  Download* download = find(id);
+  const bool first = download == nullptr;
+  if (first) {
+    download = &downloads_.emplace_back();
+    download->id = id;
+    download->firstStart = now;
+    download->resumedAt = done;
+  }
+  download->name = name;
+  download->done = done;
+  download->total = total;
+  download->running = true;
+  download->meter = SpeedMeter();
+  download->meter.add(now, done);
+  if (mode_ != Mode::Log || !first) return;
+  download->lastLog = now;
+  download->lastLogTenth = total > 0 ? static_cast<int>(done * 10 / total) : 0;
+  std::string line = name + ": ";
+  if (done > 0) line += "resuming at " + platform::fileSizeString(done) + " of ";
+  line += total > 0 ? platform::fileSizeString(total) : "size unknown";
+  std::fprintf(err_, "%s\n", line.c_str());
+  std::fflush(err_);
+}
+
+void ProgressPrinter::progressed(const std::string& id, int64_t done, int64_t total, Clock::time_point now) {
+  Download* download = find(id);
+  if (!download) return;
+  download->done = done;
+  download->total = total;
+  download->meter.add(now, done);
+  if (mode_ == Mode::Log) logIfDue(*download, now);
+}
+
+void ProgressPrinter::logIfDue(Download& download, Clock::time_point now) {
+  if (now - download.lastLog < kLogInterval) return;
+  const int tenth = download.total > 0 ? static_cast<int>(std::min<int64_t>(download.done, download.total) * 10 / download.total) : 0;
+  if (download.total > 0 && tenth <= download.lastLogTenth) return;
+  download.lastLog = now;
+  download.lastLogTenth = tenth;
+  std::fprintf(err_, "%s\n", logLine(figuresOf(download, now)).c_str());
+  std::fflush(err_);
+}
+
+void ProgressPrinter::stopped(const std::string& id) {
+  if (Download* download = find(id)) download->running = false;
+}
+
+void ProgressPrinter::placed(const std::string& id, const std::string& path, int64_t size, Clock::time_point now) {
+  auto it = std::find_if(downloads_.begin(), downloads_.end(), [&](const Download& d) { return d.id == id; });
+  if (it != downloads_.end()) {
+    const Download download = std::move(*it);
+    downloads_.erase(it);  // its line goes with the summary
+    if (mode_ != Mode::Quiet) {
+      const double seconds = std::chrono::duration<double>(now - download.firstStart).count();
+      const auto slash = path.rfind('/');
+      above(err_, summaryLine(slash == std::string::npos ? path : path.substr(slash + 1), size, seconds,
+                              download.resumedAt));
+    }
+  }
+  above(out_, path);
+}
+
+void ProgressPrinter::error(const std::string& text) { above(err_, text); }
+
+void ProgressPrinter::note(const std::string& text) {
+  if (mode_ != Mode::Quiet) above(err_, text);
+}
+
+void ProgressPrinter::above(std::FILE* stream, const std::string& line) {
+  clearBlock();
+  std::fprintf(stream, "%s\n", line.c_str());
+  std::fflush(stream);
+  if (mode_ == Mode::Terminal) redraw(lastDraw_);
+}
+
+void ProgressPrinter::clearBlock() {
+  if (drawn_ == 0) return;
+  // Back to the first line of the block, then everything below goes.
+  std::fprintf(err_, "\r\033[%zuA\033[J", drawn_);
+  std::fflush(err_);
+  drawn_ = 0;
+}
+
+std::size_t ProgressPrinter::width() const {
+  winsize size{};
+  if (::ioctl(::fileno(err_), TIOCGWINSZ, &size) == 0 && size.ws_col > 1) return size.ws_col - 1;
+  return kDefaultWidth - 1;
+}
+
+void ProgressPrinter::redraw(Clock::time_point now) {
+  if (mode_ != Mode::Terminal || finished_) return;
+  lastDraw_ = now;
+  clearBlock();
+  const std::size_t columns = width();
+  for (const Download& download : downloads_) {
+    if (!download.running) continue;
+    std::fprintf(err_, "%s\n", terminalLine(figuresOf(download, now), columns).c_str());
+    ++drawn_;
+  }
+  std::fflush(err_);
 }
 
 void ProgressPrinter::finish() {
-  if (barShown_) std::fprintf(stderr, "\n");
-  barShown_ = false;
+  if (finished_) return;
+  redraw(Clock::now());
+  drawn_ = 0;  // what was running when the run ended stays on the screen
+  finished_ = true;
 }

@@ -33,18 +33,30 @@ int main(int argc, char** argv) {
   addCommand->add_option("--type", addOptions.permittedMIMETypes, "Accept only these MIME types (repeatable)");
 
   GetOptions getOptions;
-  CLI::App* getCommand = app.add_subcommand("get", "Download the addresses into a folder, then exit");
-  getCommand->add_option("urls", getOptions.urls, "Web addresses")->required();
-  getCommand->add_option("-o,--output", getOptions.outputDirectory, "Folder for the files (default: here)");
+  CLI::App* getCommand = app.add_subcommand(
+      "get", "Download the addresses into a folder, then exit; run it again to resume an interrupted run");
+  getCommand->add_option("urls", getOptions.urls, "Web addresses");
+  getCommand->add_option("-i,--input-file", getOptions.inputFile,
+                         "Read addresses from FILE, one a line ('#' starts a comment; - is standard input)");
+  getCommand->add_option("-o,--output", getOptions.outputDirectory,
+                         "Folder for the files (default: here); what lets a run resume is kept in its .shelf-get");
   getCommand->add_option("--tries", getOptions.tries, "Failures in a row before giving up (0: keep retrying)")
       ->check(CLI::NonNegativeNumber);
+  getCommand->add_flag("--restart", getOptions.restart, "Fetch these addresses from the start, dropping what was kept");
+  getCommand->add_flag("-q,--quiet", getOptions.quiet, "Print only the placed files' paths and errors");
   getCommand->add_flag("-v,--verbose", getOptions.verbose, "Print the module's log");
+  getCommand->footer(kGetStatusHelp);
 
   bool noMedia = false;
   for (CLI::App* command : {&app, serveCommand, getCommand})
     command->add_flag("--no-media", noMedia, "Run without the media library: playlists are fetched as plain files");
 
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    // --help answers 0; a command line that cannot be read is bad input.
+    return app.exit(e) == 0 ? 0 : 2;
+  }
   if (noMedia) platform::MediaLibraryProbe::setEnabled(false);
   if (getCommand->parsed()) return runGet(getOptions);
   if (addCommand->parsed()) return runAdd(addOptions);

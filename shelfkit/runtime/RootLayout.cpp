@@ -32,6 +32,15 @@ RootLayout RootLayout::resolve(const std::optional<std::string>& root,
   return layout;
 }
 
+RootLayout RootLayout::flat(const std::string& library, const std::string& documents) {
+  RootLayout layout;
+  layout.root = layout.library = fs::absolute(library).lexically_normal().string();
+  layout.documents = fs::absolute(documents).lexically_normal().string();
+  for (std::string* path : {&layout.root, &layout.library, &layout.documents})
+    while (path->size() > 1 && path->back() == '/') path->pop_back();
+  return layout;
+}
+
 bool RootLayout::create(std::string* error) const {
   for (const std::string& dir : {library, library + "/Preferences", databasesDirectory(), documents}) {
     std::error_code ec;

@@ -16,6 +16,9 @@ struct RootLayout {
   // `root` defaults to $XDG_DATA_HOME/shelf, else ~/.local/share/shelf.
   static RootLayout resolve(const std::optional<std::string>& root,
                             const std::optional<std::string>& documents);
+  // A root that is its own Library (no Library/ level), with documents elsewhere:
+  // the state of `shelf get` beside its output folder.
+  static RootLayout flat(const std::string& library, const std::string& documents);
 
   // Creates the folders. Returns false with `error` set when one cannot be made.
   bool create(std::string* error) const;

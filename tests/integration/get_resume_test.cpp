@@ -1,0 +1,359 @@
+// `shelf get` as a process: interrupted (SIGINT, SIGKILL) and run again, it
+// continues from the last complete chunk; one run at a time per folder; lists
+// of addresses.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+#include <sqlite3.h>
+
+#include "tests/support/Files.h"
+#include "tests/support/TestHost.h"
+#include "tests/support/TestHttpServer.h"
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+// One `shelf` process: standard output and error together, standard input
+// given up front. Waited for (or killed) by its process id.
+class ShelfProcess {
+ public:
+  explicit ShelfProcess(const std::vector<std::string>& arguments, const std::string& input = "") {
+    int out[2], in[2];
+    if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(in, O_CLOEXEC) != 0) return;
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(in[0], STDIN_FILENO);
+      ::dup2(out[1], STDOUT_FILENO);
+      ::dup2(out[1], STDERR_FILENO);
+      std::vector<char*> argv{const_cast<char*>(SHELF_BINARY)};
+      for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
+      argv.push_back(nullptr);
+      ::execv(SHELF_BINARY, argv.data());
+      ::_exit(127);
+    }
+    ::close(out[1]);
+    ::close(in[0]);
+    if (!input.empty()) (void)!::write(in[1], input.data(), input.size());  // small: fits the pipe
+    ::close(in[1]);
+    reader_ = std::thread([this, fd = out[0]] {
+      char buffer[4096];
+      ssize_t n;
+      while ((n = ::read(fd, buffer, sizeof buffer)) > 0) {
+        std::lock_guard lock(mutex_);
+        output_.append(buffer, static_cast<size_t>(n));
+      }
+      ::close(fd);
+    });
+  }
+  ~ShelfProcess() {
+    if (pid_ > 0 && !waited_) {
+      ::kill(pid_, SIGKILL);
+      wait();
+    }
+  }
+  void signal(int number) { ::kill(pid_, number); }
+  // The exit status, or 128 + the signal that ended it.
+  int wait() {
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+    waited_ = true;
+    if (reader_.joinable()) reader_.join();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  std::string output() const {  // complete after wait()
+    std::lock_guard lock(mutex_);
+    return output_;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  bool waited_ = false;
+  std::thread reader_;
+  mutable std::mutex mutex_;
+  std::string output_;
+};
+
+struct Finished {
+  int status;
+  std::string output;
+};
+Finished runShelf(const std::vector<std::string>& arguments, const std::string& input = "") {
+  ShelfProcess process(arguments, input);
+  const int status = process.wait();
+  return {status, process.output()};
+}
+
+bool waitFor(const std::function<bool()>& condition, std::chrono::seconds timeout = 60s) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(20ms);
+  }
+  return true;
+}
+
+std::string statePath(const std::string& out) { return out + "/.shelf-get"; }
+
+// The size of the one temporary file of the state, or -1.
+int64_t temporaryFileSize(const std::string& out) {
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(statePath(out) + "/DownloaderTmpFiles", error))
+    if (entry.path().extension().empty()) return static_cast<int64_t>(entry.file_size(error));
+  return -1;
+}
+
+// The position saved in the state's record database for the download of
+// `name`: where a new run continues. -1 when there is none (yet).
+int64_t savedPosition(const std::string& out, const std::string& name) {
+  sqlite3* db = nullptr;
+  int64_t position = -1;
+  const std::string path = statePath(out) + "/Databases/DFDownloadManager.sqlite";
+  if (fs::exists(path) && sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db, "SELECT data FROM items", -1, &statement, nullptr) == SQLITE_OK) {
+      while (sqlite3_step(statement) == SQLITE_ROW) {
+        const auto* data = static_cast<const char*>(sqlite3_column_blob(statement, 0));
+        const auto record = nlohmann::json::parse(data, data + sqlite3_column_bytes(statement, 0), nullptr, false);
+        if (record.is_object() && record.value("filename", nlohmann::json()).value("string", "") == name)
+          position = record["position"].value("int64", int64_t{-1});
+      }
+    }
+    sqlite3_finalize(statement);
+  }
+  sqlite3_close(db);
+  return position;
+}
+
+// The first byte each request asked for, in order; the probe's one byte is left out.
+std::vector<int64_t> rangeStarts(const std::vector<RecordedRequest>& requests, size_t from = 0) {
+  std::vector<int64_t> starts;
+  for (size_t i = from; i < requests.size(); ++i) {
+    const auto range = requests[i].header("Range");
+    if (!range || *range == "bytes=1-1") continue;
+    starts.push_back(std::stoll(range->substr(6)));
+  }
+  return starts;
+}
+
+std::optional<int64_t> rangeStart(const RecordedRequest& request) {
+  const auto range = request.header("Range");
+  if (!range || !range->starts_with("bytes=")) return std::nullopt;
+  return std::stoll(range->substr(6));
+}
+
+TEST(ShelfGetResume, AnInterruptedRunContinuesFromTheLastCompleteChunk) {
+  const int64_t size = 5000000;  // chunks of 500000
+  const int64_t kept = 2000000;  // four chunks arrive; the fifth and those read ahead hang (or fail)
+  const struct {
+    const char* what;
+    int signal;  // 0: the run gives up after a failure (--tries 1)
+    bool restart;
+  } cases[] = {
+      {"Ctrl-C", SIGINT, false},
+      {"killed", SIGKILL, false},
+      {"given up after a failure", 0, false},
+      {"Ctrl-C, then --restart", SIGINT, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    TestHttpServer server;
+    std::atomic<bool> holding = true;
+    server.setHandler("/big.dat", [&](const RecordedRequest& request, int) {
+      Behaviour b{.size = size};
+      if (holding && rangeStart(request).value_or(0) >= kept) {
+        if (c.signal != 0) b.stallAtByte = 0;
+        else b.dropAfterBytes = 1000;
+      }
+      return b;
+    });
+    server.setRoute("/small.txt", {.size = 3000, .mimeType = "text/plain"});  // placed before the interruption
+    const std::string out = makeTemporaryDirectory();
+    const std::vector<std::string> command{"get", server.url("/big.dat"), server.url("/small.txt"), "-o", out};
+    if (c.signal == 0) {
+      auto giveUp = command;
+      giveUp.insert(giveUp.end(), {"--tries", "1"});
+      const Finished first = runShelf(giveUp);
+      EXPECT_EQ(first.status, 1) << first.output;
+      EXPECT_NE(first.output.find("what arrived is kept"), std::string::npos) << first.output;
+      EXPECT_EQ(savedPosition(out, "big.dat"), kept);
+    } else {
+      ShelfProcess first(command);
+      ASSERT_TRUE(waitFor([&] {
+        return temporaryFileSize(out) == kept && savedPosition(out, "big.dat") == kept &&
+               first.output().find(out + "/small.txt\n") != std::string::npos;
+      }));
+      first.signal(c.signal);
+      const int status = first.wait();
+      EXPECT_EQ(status, c.signal == SIGINT ? 130 : 128 + SIGKILL) << first.output();
+      if (c.signal == SIGINT) {
+        EXPECT_NE(first.output().find("run the same command again"), std::string::npos) << first.output();
+      }
+    }
+    EXPECT_EQ(temporaryFileSize(out), kept) << "the partial data is kept";
+    const size_t mark = server.requests("/big.dat").size();
+    const size_t smallMark = server.requests("/small.txt").size();
+    holding = false;
+    server.releaseStalls();
+
+    auto second = command;
+    if (c.restart) second.push_back("--restart");
+    const Finished resumed = runShelf(second);
+    EXPECT_EQ(resumed.status, 0) << resumed.output;
+    EXPECT_TRUE(readFile(out + "/big.dat") == TestHttpServer::pattern(0, size));
+    EXPECT_FALSE(fs::exists(statePath(out))) << "nothing is left to keep";
+    EXPECT_FALSE(fs::exists(out + "/big(1).dat"));
+    EXPECT_NE(resumed.output.find(out + (c.restart ? "/small(1).txt\n" : "/small.txt\n")), std::string::npos)
+        << resumed.output;
+    EXPECT_EQ(fs::exists(out + "/small(1).txt"), c.restart) << "a placed file is fetched again only with --restart";
+    EXPECT_EQ(server.requests("/small.txt").size() > smallMark, c.restart);
+
+    const auto requests = server.requests("/big.dat");
+    const auto again = rangeStarts(requests, mark);
+    ASSERT_FALSE(again.empty());
+    if (c.restart) {
+      EXPECT_EQ(again.front(), 0) << "--restart fetches from the start";
+      continue;
+    }
+    EXPECT_EQ(again.front(), kept);
+    std::map<int64_t, int> asked;
+    for (int64_t start : rangeStarts(requests)) ++asked[start];
+    for (int64_t start = 0; start < kept; start += 500000) EXPECT_EQ(asked[start], 1) << "chunk at " << start;
+    for (int64_t start : again) EXPECT_GE(start, kept) << "a complete chunk was fetched again";
+    fs::remove_all(out);
+  }
+}
+
+TEST(ShelfGetResume, WithoutRangesAnInterruptedFileStartsOverAndEndsRight) {
+  const int64_t size = 3000000;
+  TestHttpServer server;
+  std::atomic<bool> holding = true;
+  server.setHandler("/whole.dat", [&](const RecordedRequest&, int) {
+    Behaviour b{.size = size, .honourRange = false};
+    if (holding) b.stallAtByte = 1000000;
+    return b;
+  });
+  const std::string out = makeTemporaryDirectory();
+  const std::vector<std::string> command{"get", server.url("/whole.dat"), "-o", out};
+  {
+    ShelfProcess first(command);
+    ASSERT_TRUE(waitFor([&] { return server.bodyBytesSent("/whole.dat") >= 1000000 + 2; }));
+    std::this_thread::sleep_for(300ms);
+    first.signal(SIGINT);
+    EXPECT_EQ(first.wait(), 130) << first.output();
+  }
+  const size_t mark = server.requests("/whole.dat").size();
+  holding = false;
+  server.releaseStalls();
+  const Finished again = runShelf(command);
+  EXPECT_EQ(again.status, 0) << again.output;
+  EXPECT_TRUE(readFile(out + "/whole.dat") == TestHttpServer::pattern(0, size));
+  EXPECT_EQ(rangeStarts(server.requests("/whole.dat"), mark), std::vector<int64_t>{0});
+  EXPECT_FALSE(fs::exists(statePath(out)));
+  fs::remove_all(out);
+}
+
+TEST(ShelfGetResume, ASecondRunOnTheSameFolderIsTurnedAway) {
+  TestHttpServer server;
+  std::atomic<bool> holding = true;
+  server.setHandler("/slow.dat", [&](const RecordedRequest& request, int) {
+    Behaviour b{.size = 500000};
+    if (holding && request.header("Range") != "bytes=1-1") b.stallAtByte = 1000;
+    return b;
+  });
+  server.setRoute("/other.dat", {.size = 1000});
+  const std::string out = makeTemporaryDirectory();
+  ShelfProcess first({"get", server.url("/slow.dat"), "-o", out});
+  ASSERT_TRUE(waitFor([&] { return rangeStarts(server.requests("/slow.dat")).size() > 0; }));
+
+  const Finished second = runShelf({"get", server.url("/other.dat"), "-o", out});
+  EXPECT_EQ(second.status, 2) << second.output;
+  EXPECT_NE(second.output.find("another `shelf get` is using"), std::string::npos) << second.output;
+  EXPECT_TRUE(server.requests("/other.dat").empty());
+
+  holding = false;
+  server.releaseStalls();
+  EXPECT_EQ(first.wait(), 0) << first.output();
+  EXPECT_TRUE(readFile(out + "/slow.dat") == TestHttpServer::pattern(0, 500000));
+  fs::remove_all(out);
+}
+
+std::vector<std::string> sortedLines(const std::string& text) {
+  std::vector<std::string> lines;
+  for (size_t start = 0, end; start < text.size(); start = end + 1) {
+    end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    lines.push_back(text.substr(start, end - start));
+  }
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
+
+TEST(ShelfGetInput, ListsOfAddresses) {
+  TestHttpServer server;
+  server.setRoute("/a.txt", {.size = 3000, .mimeType = "text/plain"});
+  server.setRoute("/b.txt", {.size = 4000, .mimeType = "text/plain"});
+  const std::string folder = makeTemporaryDirectory();
+  const std::string a = server.url("/a.txt"), b = server.url("/b.txt");
+  std::ofstream(folder + "/bad.txt") << a << "\nnot an address\n" << b << "\n";
+  std::ofstream(folder + "/empty.txt") << "# nothing yet\n\n";
+
+  const struct {
+    const char* what;
+    std::vector<std::string> arguments;
+    std::string input;
+    int status;
+    std::string output;  // all of it, when `exact` (OUT: the output folder); else a part of it
+    bool exact;
+  } cases[] = {
+      {"comments and blank lines on standard input, quiet",
+       {"get", "-q", "-i", "-"},
+       "# files\n\n" + a + "\n   " + b + "  \r\n",
+       0,
+       "OUT/a.txt\nOUT/b.txt\n",
+       true},
+      {"a bad line stops everything", {"get", "-i", folder + "/bad.txt"}, "", 2, "bad.txt:2: not a web address", false},
+      {"a list with no address", {"get", "-i", folder + "/empty.txt"}, "", 2, "no address", false},
+      {"a list that is not there", {"get", "-i", folder + "/missing.txt"}, "", 2, "cannot read the list", false},
+      {"an unknown option", {"get", "--bogus", a}, "", 2, "--bogus", false},
+      {"the help tells the exit statuses", {"get", "--help"}, "", 0, "130  interrupted", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string out = makeTemporaryDirectory();
+    auto arguments = c.arguments;
+    arguments.insert(arguments.end(), {"-o", out});
+    const size_t before = server.requests().size();
+    const Finished run = runShelf(arguments, c.input);
+    EXPECT_EQ(run.status, c.status) << run.output;
+    if (c.exact) {  // the same lines, in any order: downloads end in any order
+      std::string expected = c.output;
+      for (size_t at; (at = expected.find("OUT")) != std::string::npos;) expected.replace(at, 3, out);
+      EXPECT_EQ(sortedLines(run.output), sortedLines(expected)) << run.output;
+    } else {
+      EXPECT_NE(run.output.find(c.output), std::string::npos) << run.output;
+    }
+    if (c.status != 0) {
+      EXPECT_EQ(server.requests().size(), before) << "nothing was started";
+      EXPECT_FALSE(fs::exists(statePath(out)));
+    }
+    fs::remove_all(out);
+  }
+  fs::remove_all(folder);
+}
+
+}  // namespace
