@@ -30,7 +30,9 @@ class CurlURLSession : public platform::URLSession, public std::enable_shared_fr
  public:
   // At most this many ranges ahead (each at most 16 MiB, in practice the
   // loader's 1 MiB chunks): memory and connections to one server stay bounded.
-  static constexpr size_t kMaxReadAheadDepth = 16;
+  // 1 MiB ranges over a 50 ms, 1 Gbit/s link need about 24 in flight to keep
+  // it full; more bought nothing there.
+  static constexpr size_t kMaxReadAheadDepth = 24;
 
   // Bodies of open-ended requests are written to files in `downloadDirectory`;
   // bounded ranges are kept in memory.
