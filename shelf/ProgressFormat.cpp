@@ -36,9 +36,12 @@ std::string figuresText(const ProgressFigures& figures) {
     return platform::fileSizeString(figures.done) + "  " + speedText(figures.bytesPerSecond);
   const int percent = percentOf(figures);
   const std::size_t filled = static_cast<std::size_t>(percent) * kBarWidth / 100;
-  return "[" + std::string(filled, '#') + std::string(kBarWidth - filled, ' ') + "] " + printed("%3d%%", percent) +
-         "  " + platform::fileSizeString(figures.done) + " / " + platform::fileSizeString(figures.total) + "  " +
-         speedText(figures.bytesPerSecond) + "  " + timeLeftText(figures);
+  std::string text = "[";
+  text.append(filled, '#').append(kBarWidth - filled, ' ').append("] ");
+  text += printed("%3d%%", percent);
+  text += "  " + platform::fileSizeString(figures.done) + " / " + platform::fileSizeString(figures.total);
+  text += "  " + speedText(figures.bytesPerSecond) + "  " + timeLeftText(figures);
+  return text;
 }
 
 bool continuationByte(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
