@@ -117,10 +117,13 @@ bool BufferedFetch::onBody(const char* data, size_t length) {
   const std::optional<int64_t> wanted = length_ ? length_ : endOffset_ ? std::optional(*endOffset_ - offset_)
                                                                        : std::nullopt;
   if (wanted && received_ + static_cast<int64_t>(length) >= *wanted) {
-    // Whatever comes past the range is not ours: stop reading there.
-    length = static_cast<size_t>(*wanted - received_);
     full_ = true;
-    more = false;
+    if (received_ + static_cast<int64_t>(length) > *wanted) {
+      // Whatever comes past the range is not ours: stop reading there (and
+      // lose the connection). A body that ends where the range does keeps it.
+      length = static_cast<size_t>(*wanted - received_);
+      more = false;
+    }
   }
   if (length > 0) {
     if (!appendLocked(data, length)) return false;

@@ -166,6 +166,7 @@ TEST_F(PlaylistFetchTest, PrefetchesTheNextSegmentsInOneRequestOnlyOnceSwitchedO
     if (!prefetching) {
       EXPECT_EQ(requests.size(), 10u) << "one request per segment, none ahead";
       EXPECT_EQ(requests[3].header("Range"), "bytes=30000-39999");
+      EXPECT_EQ(requests.front().connection, requests.back().connection) << "one after another on one connection";
     } else {
       // Segment 0, then the ones after it in one request up to the depth, and the rest likewise.
       ASSERT_GE(requests.size(), 2u);
