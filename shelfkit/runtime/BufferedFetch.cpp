@@ -252,9 +252,4 @@ std::optional<double> BufferedFetch::bytesPerSecond() const {
   return bytesPerSecond_;
 }
 
-int64_t BufferedFetch::received() const {
-  std::lock_guard lock(mutex_);
-  return received_;
-}
-
 }  // namespace shelfkit

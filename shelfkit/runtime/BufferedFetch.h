@@ -61,16 +61,12 @@ class BufferedFetch : public std::enable_shared_from_this<BufferedFetch> {
   // The length of the range, once the server said it.
   std::optional<int64_t> length() const;
 
-  const platform::URL& url() const { return url_; }
-  int64_t offset() const { return offset_; }
-  const std::optional<int64_t>& endOffset() const { return endOffset_; }
   bool finished() const;  // every byte is here, or the fetch failed
   bool failed() const;
   // For the prefetch depth: the wait for the head and the body's rate of the
   // attempt that succeeded; none before that (or for short bodies, the rate).
   std::optional<std::chrono::duration<double>> roundTrip() const;
   std::optional<double> bytesPerSecond() const;
-  int64_t received() const;
 
  private:
   enum class State { Idle, Running, Done, Failed };

@@ -176,11 +176,6 @@ size_t CurlPlaylistFetcher::depthLocked() const {
                         static_cast<uint64_t>(segmentBytes_), options_.maxPrefetch);
 }
 
-size_t CurlPlaylistFetcher::depth() const {
-  std::lock_guard lock(mutex_);
-  return depthLocked();
-}
-
 void CurlPlaylistFetcher::startPrefetching() {
   std::lock_guard lock(mutex_);
   prefetching_ = true;
@@ -245,11 +240,6 @@ void CurlPlaylistFetcher::inputClosed(const std::shared_ptr<BufferedFetch>& fetc
   const bool waiting = std::any_of(prefetched_.begin(), prefetched_.end(),
                                    [&](const auto& p) { return p.second.fetch == fetch; });
   if (!waiting && !fetch->finished()) fetch->cancel();
-}
-
-size_t CurlPlaylistFetcher::prefetchesWaiting() const {
-  std::lock_guard lock(mutex_);
-  return prefetched_.size();
 }
 
 }  // namespace shelfkit

@@ -39,10 +39,6 @@ class CurlPlaylistFetcher : public platform::PlaylistFetcher,
   void resourceRead(const std::shared_ptr<BufferedFetch>& fetch, const std::string& requestedURL);
   void inputClosed(const std::shared_ptr<BufferedFetch>& fetch);
 
-  // Fetches started ahead of the demuxer and not yet opened (for tests).
-  size_t prefetchesWaiting() const;
-  size_t depth() const;
-
  private:
   using SegmentKey = std::pair<std::string, int64_t>;  // address, first byte
   struct Playlist {
