@@ -12,6 +12,8 @@ extern "C" {
 #include "module/core/DFMediaLibrary.h"
 #include "module/platform/FileManager.h"
 #include "module/platform/MainQueue.h"
+#include "module/platform/URL.h"
+#include "module/transfer/DFPlayListIO.h"
 
 extern "C" std::shared_ptr<DFDownloadOperationDataLoader>* DFMediaCreatePlayListDataLoader(
     const std::shared_ptr<DFDownloadOperation>* downloadOperation, const std::string* tmpFilePath,
@@ -42,6 +44,13 @@ void DFDownloadOperationPlayListDataLoader::start() {
   record->setSize(0);
   record->setOutputFilename(platform::deletingPathExtension(record->filename().value_or("")) + ".mov");
   if (auto d = delegate()) d->downloadOperationDataLoaderDownloadOperationUpdated(*this);
+  // Bodies that do not fit in memory go beside the temporary file.
+  const std::string& path = tmpFilePath();
+  const size_t slash = path.rfind('/');
+  _fetcher = platform::PlaylistFetcher::create(
+      {.spillDirectory = slash == std::string::npos ? "." : path.substr(0, slash),
+       .spillPrefix = platform::lastPathComponentOfPath(path) + ".prefetch"});
+  _io = std::make_unique<DFPlayListIO>(_fetcher);
   _operationQueue = platform::OperationQueue::create(1);
   queueStep(&DFDownloadOperationPlayListDataLoader::initFFmpeg);
 }
@@ -64,25 +73,42 @@ void DFDownloadOperationPlayListDataLoader::initFFmpeg() {
   queueStep(&DFDownloadOperationPlayListDataLoader::openInputContext);
 }
 
+// A cancel, or a segment that could not be fetched even on its retry, ends
+// the demuxer's work at once instead of letting it skip ahead.
 int DFDownloadOperationPlayListDataLoader::interruptCallback(void* opaque) {
-  return static_cast<DFDownloadOperationPlayListDataLoader*>(opaque)->cancelled() ? 1 : 0;
+  auto* self = static_cast<DFDownloadOperationPlayListDataLoader*>(opaque);
+  return self->cancelled() || self->_fetcher->failed() ? 1 : 0;
 }
 
 void DFDownloadOperationPlayListDataLoader::openInputContext() {
   if (cancelled()) return;
+  _inputFormatContext = avformat_alloc_context();
+  if (!_inputFormatContext) return completeWithError(true);
+  // A cancel or a failed segment interrupts the demuxer instead of waiting for it.
+  _inputFormatContext->interrupt_callback = {&DFDownloadOperationPlayListDataLoader::interruptCallback, this};
+  // Every resource the demuxer opens comes through the fetcher, the playlist itself first.
+  _io->install(_inputFormatContext);
+  const std::string url = downloadOperation()->url().absoluteString();
+  if (_io->open(&_inputIO, url) < 0) {
+    avformat_free_context(_inputFormatContext);
+    _inputFormatContext = nullptr;
+    if (cancelled()) return;
+    return completeWithError(true);
+  }
+  _inputFormatContext->pb = _inputIO;
   AVDictionary* options = nullptr;
-  av_dict_set(&options, "timeout", "1000000", 0);
   // Only the network: a playlist must not make FFmpeg read local files or run other protocols.
   av_dict_set(&options, "protocol_whitelist", "http,https,tls,tcp,crypto", 0);
-  _inputFormatContext = avformat_alloc_context();
-  // A cancel interrupts a read that waits on the network instead of waiting for it.
-  _inputFormatContext->interrupt_callback = {&DFDownloadOperationPlayListDataLoader::interruptCallback, this};
-  const std::string url = downloadOperation()->url().absoluteString();
+  // Each segment is a request of its own through the fetcher: FFmpeg's own
+  // connection reuse and parallel segment requests work only with its http protocol.
+  av_dict_set(&options, "http_persistent", "0", 0);
+  av_dict_set(&options, "http_multiple", "0", 0);
   int result = avformat_open_input(&_inputFormatContext, url.c_str(), nullptr, &options);
   av_dict_free(&options);
-  if (result != 0) return completeWithError(true);
-  if (!_inputFormatContext || avformat_find_stream_info(_inputFormatContext, nullptr) < 0)
+  if (result != 0 || !_inputFormatContext || avformat_find_stream_info(_inputFormatContext, nullptr) < 0) {
+    if (cancelled()) return;
     return completeWithError(true);
+  }
 
   AVStream* video = bestStreamWithMediaType(AVMEDIA_TYPE_VIDEO);
   AVStream* audio = bestStreamWithMediaType(AVMEDIA_TYPE_AUDIO);
@@ -103,6 +129,9 @@ void DFDownloadOperationPlayListDataLoader::openInputContext() {
     if (std::find(_streamIndices.begin(), _streamIndices.end(), static_cast<int>(i)) == _streamIndices.end())
       _inputFormatContext->streams[i]->discard = AVDISCARD_ALL;
   }
+  // From here on the demuxer reads only the kept streams' playlists: theirs
+  // are the segments worth fetching ahead.
+  _fetcher->startPrefetching();
   queueStep(&DFDownloadOperationPlayListDataLoader::openOutputContext);
 }
 
@@ -162,6 +191,7 @@ void DFDownloadOperationPlayListDataLoader::processPacket() {
   if (result == AVERROR_EOF || result == AVERROR(EIO)) {
     av_packet_free(&packet);
     if (cancelled()) return;  // an interrupted read is not the end of the playlist
+    if (_fetcher->failed()) return completeWithError(true);  // nor is a segment that could not be had
     av_write_trailer(_outputFormatContext);
     return completeWithError(false);
   }
@@ -236,6 +266,8 @@ void DFDownloadOperationPlayListDataLoader::completeWithError(bool failure) {
 
 void DFDownloadOperationPlayListDataLoader::resetFormatContexts() {
   if (_inputFormatContext) avformat_close_input(&_inputFormatContext);
+  DFPlayListIO::close(_inputIO);  // a context with its own I/O leaves that to its owner
+  _inputIO = nullptr;
   if (_outputFormatContext) {
     if (!(_outputFormatContext->oformat->flags & AVFMT_NOFILE)) avio_closep(&_outputFormatContext->pb);
     avformat_free_context(_outputFormatContext);
@@ -251,6 +283,7 @@ void DFDownloadOperationPlayListDataLoader::updateDownloadOperationPosition() {
 
 void DFDownloadOperationPlayListDataLoader::cancel() {
   DFDownloadOperationDataLoader::cancel();
+  if (_fetcher) _fetcher->cancel();
   if (_operationQueue && !_operationQueue->isCurrent()) _operationQueue->waitUntilAllOperationsAreFinished();
   resetFormatContexts();
 }

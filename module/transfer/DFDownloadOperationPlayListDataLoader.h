@@ -1,8 +1,10 @@
 // Remuxes an HLS playlist's smallest variant, packet by packet and without
 // re-encoding, into one QuickTime file at the temporary path. Every FFmpeg
 // step runs on a serial queue of its own; each written packet hops to the main
-// thread to report progress before the next is read. Lives in the media
-// library; the factory answers none when that library is absent.
+// thread to report progress before the next is read. The demuxer reads
+// through the module's playlist fetcher (DFPlayListIO), which fetches the
+// chosen variant's next segments while it reads the current one. Lives in the
+// media library; the factory answers none when that library is absent.
 #pragma once
 
 #include <memory>
@@ -10,12 +12,15 @@
 #include <vector>
 
 #include "module/platform/OperationQueue.h"
+#include "module/platform/PlaylistFetcher.h"
 #include "module/transfer/DFDownloadOperationDataLoader.h"
 
 struct AVFormatContext;
 struct AVStream;
 struct AVProgram;
 struct AVBSFContext;
+struct AVIOContext;
+class DFPlayListIO;
 
 class DFDownloadOperationPlayListDataLoader
     : public DFDownloadOperationDataLoader,
@@ -38,7 +43,8 @@ class DFDownloadOperationPlayListDataLoader
                                         std::weak_ptr<DFDownloadOperationDataLoaderDelegate> delegate);
   ~DFDownloadOperationPlayListDataLoader() override;
 
-  // Sets the flag, interrupts network reads, waits for the running step, frees FFmpeg state.
+  // Sets the flag, ends every request (prefetches too) and the reads waiting
+  // on them, waits for the running step, frees FFmpeg state.
   void cancel() override;
 
  private:
@@ -60,4 +66,8 @@ class DFDownloadOperationPlayListDataLoader
   std::vector<int> _streamIndices;
   std::shared_ptr<platform::OperationQueue> _operationQueue;
   std::vector<AVBSFContext*> _aacFilters;  // one per output stream, made on first use
+  // Made at construction, before any step runs; thread-safe.
+  std::shared_ptr<platform::PlaylistFetcher> _fetcher;
+  std::unique_ptr<DFPlayListIO> _io;
+  AVIOContext* _inputIO = nullptr;  // the playlist's own I/O, which the loader closes itself
 };

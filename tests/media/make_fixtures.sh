@@ -30,12 +30,14 @@ X264=(-c:v libx264 -preset ultrafast -pix_fmt yuv420p -g 25 -keyint_min 25
 # ---------------------------------------------------------------------------
 # 1. HLS master playlist with two variants (v0 = 1280x720, v1 = 640x360),
 #    each H.264 + AAC (ADTS inside MPEG-TS), HLS_SECONDS long (default 10: longer
-#    than the stream-info probe reads), 25 fps, 1 s segments, VOD.
+#    than the stream-info probe reads), 25 fps, HLS_SEGMENT_SECONDS segments
+#    (default 1), VOD.
 #    Explicit video bit rates give the two variants distinct BANDWIDTH values
 #    in the master playlist (without them only the audio rate is counted).
 # ---------------------------------------------------------------------------
 mkdir -p "$OUT/hls"
 hls_seconds=${HLS_SECONDS:-10}
+hls_segment_seconds=${HLS_SEGMENT_SECONDS:-1}
 "${FF[@]}" \
     -f lavfi -i "testsrc=size=1280x720:rate=25:duration=$hls_seconds" \
     -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=$hls_seconds" \
@@ -44,7 +46,7 @@ hls_seconds=${HLS_SECONDS:-10}
     "${X264[@]}" -r 25 -b:v:0 1000k -b:v:1 300k \
     -c:a aac -b:a 64k -ac 1 \
     "${BITEXACT[@]}" \
-    -f hls -hls_time 1 -hls_playlist_type vod -hls_list_size 0 \
+    -f hls -hls_time "$hls_segment_seconds" -hls_playlist_type vod -hls_list_size 0 \
     -hls_segment_type mpegts \
     -hls_segment_filename "$OUT/hls/v%v_seg%03d.ts" \
     -var_stream_map "v:0,a:0 v:1,a:1" \

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -86,6 +87,17 @@ class MediaTest : public ::testing::Test {
   }
   bool finish() { return host_.runUntil([&] { return probe_->completions > 0; }, 60s); }
 
+  // Stream types and packet counts of ffmpeg's own copy of the narrowest variant, made once.
+  std::vector<std::string> makeReference() {
+    std::string reference = host_.layout().library + "/reference.mov";
+    run("ffmpeg -v error -nostdin -y -i '" + server_.url("/hls/master.m3u8") + "' -map 0:p:1 -c copy '" + reference +
+        "'");
+    return reference_ = packetCounts(reference);
+  }
+  std::vector<std::string> referencePackets() { return reference_.empty() ? makeReference() : reference_; }
+
+  static inline std::vector<std::string> reference_;
+
   static std::string* fixtures_;
   TestHost host_;
   TestHttpServer server_;
@@ -128,9 +140,7 @@ TEST_F(MediaTest, RemuxesTheNarrowestVariantLikeTheCommandLine) {
 
   // The same remux by the ffmpeg command line, from the same server.
   const size_t mark = server_.requests().size();
-  std::string reference = host_.layout().library + "/reference.mov";
-  run("ffmpeg -v error -nostdin -y -i '" + server_.url("/hls/master.m3u8") + "' -map 0:p:1 -c copy '" + reference + "'");
-  auto expected = packetCounts(reference);
+  auto expected = makeReference();
   ASSERT_EQ(expected.size(), 2u);
   EXPECT_EQ(packetCounts(tmpPath(r)), expected);
   // Probing reads the start of every variant; after the choice the wide one is no longer fetched.
@@ -207,12 +217,46 @@ TEST_F(MediaTest, FailuresReportFailed) {
   }
 }
 
-TEST_F(MediaTest, CancelReturnsPromptlyWhileTheServerStalls) {
-  const std::string body = readFile(*fixtures_ + "/hls/v1_seg002.ts");
-  server_.setRoute("/hls/v1_seg002.ts", {.body = body, .stallAtByte = 2000});
+TEST_F(MediaTest, ASegmentIsRetriedOnceBeforeTheRemuxFails) {
+  const std::string path = "/hls/v1_seg004.ts";
+  const Behaviour good{.body = readFile(*fixtures_ + path), .mimeType = "video/mp2t"};
+  struct Case {
+    const char* name;
+    Behaviour failure;
+    bool always;
+    std::optional<std::string> error;
+  } cases[] = {
+      {"an error status once", {.body = good.body, .status = 500}, false, std::nullopt},
+      {"the connection lost once", {.body = good.body, .dropAfterBytes = 3000}, false, std::nullopt},
+      {"an error status every time", {.body = good.body, .status = 500}, true, "Failed"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    probe_ = std::make_shared<LoaderProbe>();
+    auto count = std::make_shared<std::atomic<int>>(0);
+    server_.setHandler(path, [&, count](const RecordedRequest&, int) {
+      return (*count)++ == 0 || c.always ? c.failure : good;
+    });
+    auto r = record("/hls/master.m3u8", "master.m3u8");
+    auto loader = start(r);
+    ASSERT_TRUE(finish());
+    EXPECT_EQ(probe_->lastError, c.error);
+    EXPECT_EQ(count->load(), 2) << "the request and its one retry";
+    if (c.error) {
+      EXPECT_EQ(r->position(), 0);
+    } else {
+      EXPECT_EQ(packetCounts(tmpPath(r)), referencePackets()) << "the segment is whole, nothing skipped";
+    }
+  }
+}
+
+TEST_F(MediaTest, CancelWithPrefetchesInFlightReturnsPromptlyAndReportsNothing) {
+  // The demuxer waits on segment 5 while the ones after it are on their way.
+  const std::string body = readFile(*fixtures_ + "/hls/v1_seg005.ts");
+  server_.setRoute("/hls/v1_seg005.ts", {.body = body, .stallAtByte = 2000});
   auto r = record("/hls/master.m3u8", "master.m3u8");
   auto loader = start(r);
-  ASSERT_TRUE(host_.runUntil([&] { return !server_.requests("/hls/v1_seg002.ts").empty(); }, 30s));
+  ASSERT_TRUE(host_.runUntil([&] { return !server_.requests("/hls/v1_seg007.ts").empty(); }, 30s));
   host_.loop().runFor(300ms);
   const int updates = probe_->updates;
   auto before = std::chrono::steady_clock::now();
