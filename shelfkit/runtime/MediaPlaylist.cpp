@@ -49,7 +49,8 @@ std::vector<PlaylistSegment> parseMediaPlaylist(std::string_view text, const std
   std::vector<PlaylistSegment> segments;
   if (!looksLikePlaylist(text)) return segments;
   bool segmentPending = false;
-  std::optional<int64_t> rangeLength, rangeOffset;
+  std::optional<int64_t> rangeLength;
+  int64_t rangeOffset = -1;  // -1: the range follows the previous one
   int64_t nextOffset = 0;  // where a byte range without an offset begins
   while (!text.empty()) {
     const size_t end = text.find('\n');
@@ -61,21 +62,22 @@ std::vector<PlaylistSegment> parseMediaPlaylist(std::string_view text, const std
       std::string_view value = line.substr(17);
       const size_t at = value.find('@');
       rangeLength = number(value.substr(0, at));
-      rangeOffset = at == std::string_view::npos ? std::nullopt : number(value.substr(at + 1));
+      const auto offset = at == std::string_view::npos ? std::nullopt : number(value.substr(at + 1));
+      rangeOffset = offset ? *offset : -1;
     } else if (line.empty() || line.starts_with("#")) {
       continue;
     } else if (segmentPending) {
       segmentPending = false;
       PlaylistSegment segment;
       if (rangeLength) {
-        segment.offset = rangeOffset.value_or(nextOffset);
+        segment.offset = rangeOffset >= 0 ? rangeOffset : nextOffset;
         segment.length = rangeLength;
         nextOffset = segment.offset + *rangeLength;
       } else {
         nextOffset = 0;
       }
       rangeLength.reset();
-      rangeOffset.reset();
+      rangeOffset = -1;
       auto resolved = resolveURL(playlistURL, std::string(line));
       auto url = resolved ? platform::URL::URLWithString(*resolved) : std::nullopt;
       if (!url) continue;
