@@ -45,27 +45,36 @@ bool MainLoop::runUntil(const std::function<bool()>& condition, std::chrono::mil
   mainThread_ = std::this_thread::get_id();
   const bool forever = timeout == std::chrono::milliseconds::max();
   const auto deadline = forever ? std::chrono::steady_clock::time_point::max() : std::chrono::steady_clock::now() + timeout;
-  // After handling work, poll for a few microseconds before sleeping: replies
-  // from worker threads (a transfer's next packet, say) often follow at once,
-  // and waking a sleeping thread costs more than the wait.
+  // After handling work, wait a few microseconds for more before sleeping:
+  // replies from worker threads (a playlist's next packet, say) often follow
+  // at once, and waking a sleeping thread costs more than the wait. The wait
+  // watches the post counter, not the io_context: polling that takes its
+  // lock, which the worker about to post then has to wait for.
   constexpr auto kSpin = std::chrono::microseconds(50);
   while (!condition()) {
     const auto now = std::chrono::steady_clock::now();
     if (now >= deadline) return condition();
     if (context_.stopped()) context_.restart();
-    if (context_.poll() > 0) {
-      const auto until = std::chrono::steady_clock::now() + kSpin;
-      while (!condition() && std::chrono::steady_clock::now() < until && context_.poll() == 0) {
-      }
-      continue;
+    std::size_t handled = context_.poll();
+    if (handled == 0 && !condition()) {
+      handled = forever ? context_.run_one()
+                        : context_.run_one_for(std::min<std::chrono::steady_clock::duration>(
+                              std::chrono::milliseconds(5), deadline - now));
     }
-    if (forever) {
-      context_.run_one();
-    } else {
-      context_.run_one_for(std::min<std::chrono::steady_clock::duration>(std::chrono::milliseconds(5), deadline - now));
+    if (handled == 0) continue;
+    // Whatever was posted while the handlers ran is run by the next poll.
+    const uint64_t seen = posted_.load(std::memory_order_acquire);
+    const auto until = std::chrono::steady_clock::now() + kSpin;
+    while (posted_.load(std::memory_order_acquire) == seen && std::chrono::steady_clock::now() < until &&
+           !condition()) {
     }
   }
   return true;
+}
+
+void MainLoop::post(std::function<void()> block) {
+  posted_.fetch_add(1, std::memory_order_release);
+  boost::asio::post(context_, std::move(block));
 }
 
 void MainLoop::runFor(std::chrono::milliseconds duration) {
@@ -114,7 +123,7 @@ class AsioRepeatingTimer : public RepeatingTimer {
 }  // namespace
 
 void dispatchAsyncMain(std::function<void()> block) {
-  if (auto loop = shelfkit::MainLoop::current()) boost::asio::post(loop->context(), std::move(block));
+  if (auto loop = shelfkit::MainLoop::current()) loop->post(std::move(block));
 }
 
 void dispatchAfterMain(std::chrono::milliseconds delay, std::function<void()> block) {

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -26,6 +27,9 @@ class MainLoop {
 
   boost::asio::io_context& context() { return context_; }
 
+  // Queues `block` to run on the main thread; safe from any thread.
+  void post(std::function<void()> block);
+
   // Runs handlers until stop(). The calling thread becomes the main thread.
   void run();
   // Makes run() return; safe from any thread.
@@ -44,6 +48,9 @@ class MainLoop {
   boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
   std::atomic<std::thread::id> mainThread_;
   std::atomic<bool> stopRequested_{false};
+  // Counts post()s, so that the main thread can wait for the next one
+  // without taking the io_context's lock again and again.
+  std::atomic<uint64_t> posted_{0};
 };
 
 }  // namespace shelfkit
