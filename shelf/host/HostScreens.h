@@ -23,6 +23,9 @@ struct HostScreenContext {
 // REQUIRES: main thread. Adds "Documents", "Recent" and "Settings" to the side menu.
 void registerHostScreens(HostScreenContext context);
 
+// REQUIRES: main thread. The host changed the documents folder: the file lists on screen reload.
+void documentsChanged();
+
 // The address under which the server sends a file of the documents folder,
 // or "" when `path` lies outside it.
 std::string documentURLForPath(const std::string& documentsDirectory, const std::string& path);

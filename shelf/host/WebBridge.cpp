@@ -299,7 +299,8 @@ void WebBridge::presentDialog(const platform::AlertDialog::Request& request,
                                     {"placeholder", textOrNull(request.placeholder)},
                                     {"ok", request.okButtonTitle},
                                     {"cancel", hostText("Cancel")},
-                                    {"secure", request.secure}});
+                                    {"secure", request.secure},
+                                    {"value", textOrNull(request.value)}});
 }
 
 }  // namespace shelf

@@ -99,11 +99,14 @@ export class Dialogs {
     input.hidden = m.kind !== 'input';
     input.type = m.secure ? 'password' : 'text';
     input.placeholder = m.placeholder ?? '';
-    input.value = '';
+    input.value = typeof m.value === 'string' ? m.value : '';
     dialog.querySelector('.dialog-ok').textContent = m.ok ?? this.strings.OK;
     dialog.querySelector('.dialog-cancel').textContent = m.cancel ?? this.strings.Cancel;
     dialog.showModal();
     (m.kind === 'input' ? input : dialog.querySelector('.dialog-ok')).focus();
+    // A name given to change: the part before its extension is selected, ready to be typed over.
+    const stem = input.value.lastIndexOf('.');
+    if (m.kind === 'input' && input.value) input.setSelectionRange(0, stem > 0 ? stem : input.value.length);
   }
 
   handle(m) {

@@ -25,7 +25,7 @@ export function setMask(el, image, color) {
   el.style.backgroundColor = tint(color) || 'currentColor';
 }
 
-const LEAVES = new Set(['label', 'link', 'progress', 'switch', 'stepper']);
+const LEAVES = new Set(['label', 'link', 'button', 'progress', 'switch', 'stepper']);
 const EDGES = ['left', 'right', 'top', 'bottom', 'width', 'height'];
 const num = (v, fallback) => (typeof v === 'number' && Number.isFinite(v) ? v : fallback);
 
@@ -44,7 +44,8 @@ export class Views {
 
   build(node) {
     const kind = node.kind;
-    const el = document.createElement(kind === 'link' ? 'a' : kind === 'switch' ? 'button' : 'div');
+    const tag = { link: 'a', switch: 'button', button: 'button' }[kind] ?? 'div';
+    const el = document.createElement(tag);
     el.classList.add('v', `v-${kind}`);
     if (kind === 'cell') el.classList.add('cell');
     el.dataset.vid = node.id;
@@ -99,6 +100,9 @@ export class Views {
         this.patch(id, { on });
         this.send({ t: 'switch', id, on });
       });
+    } else if (kind === 'button') {
+      el.type = 'button';
+      el.addEventListener('click', () => this.send({ t: 'tap', id }));
     } else if (kind === 'stepper') {
       el.setAttribute('role', 'group');
       for (const [name, sign, text] of [['minus', -1, '\u2212'], ['plus', 1, '+']]) {
@@ -168,6 +172,11 @@ export class Views {
         else { el.target = '_blank'; el.rel = 'noopener'; }
         break;
       }
+      case 'button':
+        el.textContent = p.text ?? '';
+        if (p.accessibilityLabel) el.setAttribute('aria-label', p.accessibilityLabel);
+        else el.removeAttribute('aria-label');
+        break;
       case 'cell':
         el.classList.toggle('sel-bg', !!p.selectedBackground);
         break;

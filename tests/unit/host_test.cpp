@@ -8,6 +8,7 @@
 #include <set>
 
 #include "module/platform/DownloadService.h"
+#include "module/platform/RecentItems.h"
 #include "module/platform/ui/Registries.h"
 #include "shelf/host/AccessToken.h"
 #include "shelf/host/Api.h"
@@ -261,6 +262,88 @@ TEST_F(ApiTest, SettingsChangeOnlyWhatIsGiven) {
   EXPECT_EQ(nlohmann::json::parse(changed.body),
             nlohmann::json::parse(R"({"downloadsPermitted": true, "useCellularData": false, "maxActiveDownloadCount": 7})"));
   EXPECT_EQ(nlohmann::json::parse(call("GET", "/api/settings").body)["maxActiveDownloadCount"], 7);
+}
+
+struct TestRecentSource : platform::RecentItemsSourceBase {
+  using RecentItemsSourceBase::RecentItemsSourceBase;
+  std::string title() const override { return "Test"; }
+  std::string iconName() const override { return "i"; }
+  std::string iconBundle() const override { return "b"; }
+  int64_t priority() const override { return 0; }
+  std::string accessibilityLabel() const override { return "a"; }
+};
+
+TEST_F(ApiTest, DocumentsAreDeletedAndRenamedOnlyInsideTheFolderAndRecentFollows) {
+  const fs::path docs = host_.layout().documents, library = host_.layout().library;
+  write(docs / "a.txt", "a");
+  write(docs / "b.txt", "b");
+  write(docs / "sub/c.txt", "c");
+  write(library / "secret", "s");
+  fs::create_symlink(library / "secret", docs / "out-link");
+  fs::create_hard_link(library / "secret", docs / "hard-link");
+  auto recent = std::make_shared<TestRecentSource>("DocumentsTest");
+  platform::RecentItemsRegistry::sharedInstance()->addRecentItemsSource(recent);
+  recent->addItemWithFilename((docs / "b.txt").string(), "B");
+  recent->addItemWithFilename((docs / "a.txt").string(), "A");
+
+  const std::string longName = R"({"name": ")" + std::string(256, 'x') + R"("})";
+  struct Case {
+    const char* method;
+    const char* path;
+    std::string body;
+    int status;
+  } cases[] = {
+      {"POST", "/api/documents/a.txt/rename", R"({"name": "../a.txt"})", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": "sub/a.txt"})", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": ".."})", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": ".hidden"})", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": ""})", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": "x\u0001y"})", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": "x\ny"})", 400},
+      {"POST", "/api/documents/a.txt/rename", longName, 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": 5})", 400},
+      {"POST", "/api/documents/a.txt/rename", "not json", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": "b.txt"})", 409},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": "sub"})", 409},
+      {"POST", "/api/documents/out-link/rename", R"({"name": "mine"})", 404},
+      {"POST", "/api/documents/hard-link/rename", R"({"name": "mine"})", 404},
+      {"POST", "/api/documents/sub/rename", R"({"name": "mine"})", 404},
+      {"DELETE", "/api/documents/out-link", "", 404},
+      {"DELETE", "/api/documents/hard-link", "", 404},
+      {"DELETE", "/api/documents/sub", "", 404},
+      {"DELETE", "/api/documents/..", "", 404},
+      {"DELETE", "/api/documents/nothing.txt", "", 404},
+      {"DELETE", "/api/documents/../Library/secret", "", 404},
+      {"DELETE", "/api/documents/sub/c.txt", "", 404},
+      {"GET", "/api/documents/a.txt", "", 405},
+      {"DELETE", "/api/documents/a.txt/rename", "", 405},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.method) + " " + c.path + " " + c.body.substr(0, 40));
+    auto response = call(c.method, c.path, c.body);
+    EXPECT_EQ(response.status, c.status) << response.body;
+    EXPECT_TRUE(nlohmann::json::parse(response.body).contains("error"));
+  }
+  std::set<std::string> left;
+  for (const auto& entry : fs::recursive_directory_iterator(docs)) left.insert(entry.path().lexically_relative(docs).string());
+  EXPECT_EQ(left, (std::set<std::string>{"a.txt", "b.txt", "sub", "sub/c.txt", "out-link", "hard-link"}));
+  EXPECT_TRUE(fs::exists(library / "secret"));
+
+  auto renamed = call("POST", "/api/documents/a.txt/rename", R"({"name": "a renamed.txt"})");
+  EXPECT_EQ(renamed.status, 200);
+  EXPECT_EQ(nlohmann::json::parse(renamed.body)["url"], "/documents/a%20renamed.txt");
+  EXPECT_FALSE(fs::exists(docs / "a.txt"));
+  std::ifstream in(docs / "a renamed.txt");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "a");
+  EXPECT_EQ(call("DELETE", "/api/documents/b.txt").status, 204);
+  EXPECT_FALSE(fs::exists(docs / "b.txt"));
+  EXPECT_EQ(call("DELETE", "/api/documents/b.txt").status, 404);
+
+  write(docs / "b.txt", "a new file of the same name");
+  auto items = recent->items();
+  ASSERT_EQ(items.size(), 1u) << "a deleted file's item is forgotten, not revived by a new file of its name";
+  EXPECT_EQ(items[0].uniqueId, "A");
+  EXPECT_EQ(fs::path(items[0].path), docs / "a renamed.txt");
 }
 
 TEST_F(ApiTest, WithoutTheModuleTheDownloadsApiIsUnavailable) {
