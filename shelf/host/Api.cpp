@@ -1,5 +1,7 @@
 #include "shelf/host/Api.h"
 
+#include <chrono>
+
 #include <nlohmann/json.hpp>
 
 #include "module/platform/DownloadService.h"
@@ -7,6 +9,7 @@
 #include "module/platform/RecentItems.h"
 #include "module/platform/URL.h"
 #include "shelf/host/DocumentFiles.h"
+#include "shelf/host/DownloadActivity.h"
 #include "shelf/host/HostScreens.h"
 
 namespace shelf {
@@ -31,7 +34,13 @@ HttpResponse noContent() {
 
 json jsonOf(const platform::DownloadItem& item) {
   auto optional = [](const auto& value) { return value ? json(*value) : json(nullptr); };
-  return {{"uniqueId", item.uniqueId},
+  std::optional<TransferEstimate> estimate;
+  if (auto activity = DownloadActivity::sharedInstance()) estimate = activity->estimate(item, DownloadActivity::Clock::now());
+  const double wallNow = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+  return {{"bytesPerSecond", estimate ? json(estimate->bytesPerSecond) : json(nullptr)},
+          {"secondsLeft", estimate ? optional(estimate->secondsLeft) : json(nullptr)},
+          {"retryAt", item.retryDate && *item.retryDate > wallNow ? json(*item.retryDate) : json(nullptr)},
+          {"uniqueId", item.uniqueId},
           {"url", item.url},
           {"filename", optional(item.filename)},
           {"outputFilename", optional(item.outputFilename)},

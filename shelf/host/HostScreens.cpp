@@ -283,6 +283,15 @@ class SettingsController : public platform::TableScreenController {
 
 }  // namespace
 
+std::optional<int64_t> settingsMenuIndex() {
+  int64_t index = 0;
+  for (const auto& entry : platform::SideMenuRegistry::sharedInstance()->menuItems()) {
+    if (entry->iconBundle() == kHostBundleIdentifier && entry->iconName() == "Settings") return index;
+    ++index;
+  }
+  return std::nullopt;
+}
+
 void documentsChanged() {
   DCHECK_ON_MAIN();
   auto lists = liveLists();  // a reload may open or close screens

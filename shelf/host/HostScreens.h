@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "module/platform/ui/TableScreenController.h"
@@ -22,6 +23,9 @@ struct HostScreenContext {
 
 // REQUIRES: main thread. Adds "Documents", "Recent" and "Settings" to the side menu.
 void registerHostScreens(HostScreenContext context);
+
+// REQUIRES: main thread. The side-menu index of the host's Settings entry.
+std::optional<int64_t> settingsMenuIndex();
 
 // REQUIRES: main thread. The host changed the documents folder: the file lists on screen reload.
 void documentsChanged();

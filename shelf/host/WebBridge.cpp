@@ -6,6 +6,7 @@
 #include "module/platform/ui/Bundle.h"
 #include "module/platform/ui/Registries.h"
 #include "shelfkit/kits/HeadlessPresenters.h"
+#include "shelf/host/HostScreens.h"
 #include "shelfkit/kits/ui/MessageFields.h"
 
 namespace shelf {
@@ -65,9 +66,11 @@ void WebBridge::opened(std::shared_ptr<WebSocketConnection> connection) {
     auto self = weak.lock();
     if (!self) return;
     std::weak_ptr<WebSocketConnection> weakConnection = connection;
-    Tab tab{connection, std::make_shared<shelfkit::ScreenSession>([weakConnection](std::string text) {
-              if (auto c = weakConnection.lock()) c->send(std::move(text));
-            })};
+    Tab tab;
+    tab.connection = connection;
+    tab.screens = std::make_shared<shelfkit::ScreenSession>([weakConnection](std::string text) {
+      if (auto c = weakConnection.lock()) c->send(std::move(text));
+    });
     auto& added = self->tabs_[connection->id()] = std::move(tab);
     self->activeTab_ = connection->id();
     self->sendHello(added);
@@ -196,8 +199,38 @@ void WebBridge::sendHello(Tab& tab) {
 void WebBridge::openMenuEntry(Tab& tab, int64_t index) {
   auto entries = platform::SideMenuRegistry::sharedInstance()->menuItems();
   if (index < 0 || index >= static_cast<int64_t>(entries.size())) return;
-  const auto& controllerClass = entries[static_cast<size_t>(index)]->controllerClass();
-  if (controllerClass.create) tab.screens->setRoot(controllerClass.create());
+  const auto& entry = entries[static_cast<size_t>(index)];
+  if (!entry->controllerClass().create) return;
+  auto controller = entry->controllerClass().create();
+  // The host's own entries list files and settings; a module's entry shows its queue.
+  tab.queueScreen.reset();
+  if (entry->iconBundle() != kHostBundleIdentifier) tab.queueScreen = controller;
+  tab.screens->setRoot(std::move(controller));
+  publishActivity();
+}
+
+void WebBridge::startActivityUpdates(std::function<nlohmann::json()> source) {
+  DCHECK_ON_MAIN();
+  activitySource_ = std::move(source);
+  std::weak_ptr<WebBridge> weak = weak_from_this();
+  activityTimer_ = platform::scheduledTimer(kActivityInterval, [weak] {
+    if (auto self = weak.lock()) self->publishActivity();
+  });
+}
+
+void WebBridge::publishActivity() {
+  DCHECK_ON_MAIN();
+  if (!activitySource_) return;
+  std::optional<nlohmann::json> activity;  // made once, when a tab wants it
+  for (auto& [id, tab] : tabs_) {
+    auto queue = tab.queueScreen.lock();
+    if (!queue || tab.screens->current() != queue) continue;
+    if (!activity) activity = activitySource_();
+    if (tab.activityScreen == tab.screens->screenId() && tab.lastActivity == *activity) continue;
+    tab.activityScreen = tab.screens->screenId();
+    tab.lastActivity = *activity;
+    tab.screens->sendMessage(*activity);
+  }
 }
 
 void WebBridge::handle(uint64_t tabId, Tab& tab, const nlohmann::json& message) {

@@ -12,6 +12,7 @@
 // object, or whose fields have other types than expected, is ignored.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -23,6 +24,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "module/platform/MainQueue.h"
 #include "module/platform/Presenters.h"
 #include "module/platform/ui/AlertDialog.h"
 #include "shelf/server/WebServer.h"
@@ -57,10 +59,20 @@ class WebBridge : public std::enable_shared_from_this<WebBridge> {
   void presentTip(const std::string& tip, std::function<void()> completionBlock);
   void presentDialog(const platform::AlertDialog::Request& request, std::function<void(bool, const std::string&)> answered);
 
+  // Every kActivityInterval, a tab showing the queue (the screen of a module's
+  // side-menu entry) gets `source()`'s "activity" message when it differs from
+  // the last it got on that screen.
+  static constexpr std::chrono::milliseconds kActivityInterval{1000};
+  void startActivityUpdates(std::function<nlohmann::json()> source);
+  void publishActivity();
+
  private:
   struct Tab {
     std::shared_ptr<WebSocketConnection> connection;
     std::shared_ptr<shelfkit::ScreenSession> screens;
+    std::weak_ptr<platform::TableScreenController> queueScreen;  // the module's screen it opened last
+    uint64_t activityScreen = 0;                                 // the screen the last activity went to
+    nlohmann::json lastActivity;
   };
   struct Dialog {
     uint64_t tab;
@@ -91,6 +103,8 @@ class WebBridge : public std::enable_shared_from_this<WebBridge> {
   std::map<uint64_t, std::pair<std::string, std::function<void()>>> alerts_;
   std::map<uint64_t, std::pair<std::string, std::function<void()>>> tips_;
   std::map<uint64_t, Dialog> dialogs_;
+  std::function<nlohmann::json()> activitySource_;
+  std::unique_ptr<platform::RepeatingTimer> activityTimer_;
 
   std::mutex inboxMutex_;
   std::map<uint64_t, Inbox> inboxes_;  // guarded by inboxMutex_

@@ -10,6 +10,7 @@
 //   #alert .alert-text .alert-ok
 //   #tip .tip-text .tip-dismiss
 //   #banner                             shown while reconnecting
+//   #summary, #paused                   the queue's summary and the paused banner (activity message)
 //   .v[data-vid]                        every view; labels carry data-style
 // window.__shelf: cellsMaterialized (distinct cell ids received), rowsInDom(),
 // firstScreenAt (performance.now() at the first painted screen with rows).
@@ -18,6 +19,7 @@ import { Views } from './views.js';
 import { Table } from './table.js';
 import { Bars } from './bars.js';
 import { Dialogs } from './dialogs.js';
+import { Activity } from './activity.js';
 
 const MENU_KEY = 'shelf.menu';
 const strings = { OK: 'OK', Cancel: 'Cancel', Back: 'Back', Menu: 'Menu', Reconnecting: 'Reconnecting\u2026' };
@@ -32,6 +34,7 @@ const views = new Views(send);
 const table = new Table(document.getElementById('table'), views, send);
 const bars = new Bars(send, openMenu);
 const dialogs = new Dialogs(send, strings);
+const activity = new Activity(table, openMenu);
 
 window.__shelf = {
   get cellsMaterialized() { return table.seen.size; },
@@ -66,6 +69,7 @@ function hello(m) {
 function showScreen(s) {
   const same = s.id === screenId;
   screenId = s.id;
+  if (!same) activity.clear();
   views.clear();
   bars.setTitle(s.title);
   bars.setBack(!!s.back);
@@ -95,6 +99,7 @@ function receive(m) {
     case 'menu': bars.setMenu(m.menu ?? []); break;
     case 'screen': showScreen(m.screen); break;
     case 'patch': patch(m); break;
+    case 'activity': activity.show(m); break;
     default: dialogs.handle(m);
   }
 }

@@ -52,6 +52,7 @@ export class Table {
     this.sections = [];
     this.byIndex = new Map();
     this.byId = new Map();       // view id → cell record
+    this.notes = new Map();      // row of section 0 → what the host says about it
     this.selection = new Set();  // "section:row"
     this.selectable = 'none';
     this.sent = new Map();       // section → last viewport sent
@@ -67,6 +68,11 @@ export class Table {
         this.tap(e);
       }
     });
+  }
+
+  setNotes(notes) {
+    this.notes = notes;
+    this.placeAll();
   }
 
   schedule() {
@@ -171,6 +177,14 @@ export class Table {
     const selected = this.selection.has(key(sec.index, r));
     el.classList.toggle('selected', selected);
     if (this.selectable !== 'none') el.setAttribute('aria-selected', String(selected));
+    const note = sec.index === 0 ? this.notes.get(r) : undefined;
+    if (note) {
+      el.title = note;
+      el.setAttribute('aria-description', note);
+    } else {
+      el.removeAttribute('title');
+      el.removeAttribute('aria-description');
+    }
   }
 
   placeAll() {

@@ -77,7 +77,8 @@ export async function startShelf(root, args = []) {
   }
 }
 
-// files: name → {body, type, disposition, probeDelayMs, throttle: {bytes, everyMs}}.
+// files: name → {body, type, disposition, probeDelayMs, throttle: {bytes, everyMs}, failWith}.
+// failWith: every request but the probe is answered with this status.
 // Honours "Range: bytes=a-b" with 206 + Content-Range; the module probes with bytes=1-1.
 export async function startFileServer(files) {
   const sockets = new Set(), timers = new Set(), requests = [];
@@ -99,6 +100,7 @@ export async function startFileServer(files) {
     headers['content-length'] = end - start + 1;
     const body = f.body.subarray(start, end + 1);
     const probe = start === 1 && end === 1;
+    if (f.failWith && !probe) return res.writeHead(f.failWith).end();
     const send = () => {
       res.writeHead(status, headers);
       if (probe || !f.throttle) return res.end(body);

@@ -12,9 +12,11 @@
 #include "module/platform/ui/Registries.h"
 #include "shelf/host/AccessToken.h"
 #include "shelf/host/Api.h"
+#include "shelf/host/DownloadActivity.h"
 #include "shelf/host/FileResolver.h"
 #include "shelf/host/HostScreens.h"
 #include "shelf/host/ServerInfo.h"
+#include "shelf/host/TransferRate.h"
 #include "shelf/host/WebBridge.h"
 #include "tests/support/TestHost.h"
 
@@ -113,6 +115,125 @@ TEST(HostScreens, DocumentsListsOnlyWhatTheServerSends) {
   EXPECT_EQ(screen->rowCount(0), 2);
   EXPECT_TRUE(texts.count("plain.txt") && texts.count("inside-link"));
   EXPECT_FALSE(texts.count("outside-link") || texts.count("hard-link")) << "nothing of a file outside is shown";
+}
+
+TEST(TransferRate, SmoothedOverAFewSecondsAndZeroWhenStalled) {
+  using namespace std::chrono_literals;
+  const auto t0 = shelf::TransferRate::Clock::time_point() + 1h;
+  struct Report {
+    std::chrono::milliseconds at;
+    int64_t position;
+  };
+  struct Case {
+    const char* what;
+    std::vector<Report> reports;
+    std::chrono::milliseconds now;
+    std::optional<double> rate;  // bytes per second
+  } cases[] = {
+      {"one report says nothing", {{0ms, 500}}, 100ms, std::nullopt},
+      {"reports too close together", {{0ms, 0}, {50ms, 1000}}, 60ms, std::nullopt},
+      {"steady", {{0ms, 0}, {1s, 100'000}, {2s, 200'000}, {3s, 300'000}}, 3100ms, 100'000.0},
+      {"sparse reports still measure", {{0ms, 0}, {4s, 400'000}, {8s, 800'000}}, 9s, 100'000.0},
+      {"a new speed replaces the old within the window",
+       {{0s, 0}, {1s, 100'000}, {2s, 200'000}, {3s, 400'000}, {4s, 600'000}, {5s, 800'000}, {6s, 1'000'000},
+        {7s, 1'200'000}, {8s, 1'400'000}},
+       8s, 200'000.0},
+      {"a burst is spread over the window", {{0s, 0}, {1s, 0}, {2s, 500'000}, {5s, 500'000}}, 5s, 100'000.0},
+      {"no report for long: stalled", {{0s, 0}, {1s, 100'000}, {2s, 200'000}}, 13s, 0.0},
+      {"a restart from the beginning measures anew", {{0s, 0}, {1s, 100'000}, {2s, 200'000}, {3s, 1'000}}, 3s,
+       std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    shelf::TransferRate rate;
+    for (const auto& report : c.reports) rate.add(t0 + report.at, report.position);
+    auto measured = rate.bytesPerSecond(t0 + c.now);
+    ASSERT_EQ(measured.has_value(), c.rate.has_value());
+    if (c.rate) {
+      EXPECT_NEAR(*measured, *c.rate, 1.0);
+    }
+  }
+}
+
+TEST(DownloadActivity, SaysHowFastWhenItEndsWhyADownloadWaitsAndWhenTheQueueIsHeld) {
+  using namespace std::chrono_literals;
+  TestHost host;
+  struct {
+    double seconds;
+    const char* left;
+    const char* retry;
+  } texts[] = {{0.2, "about 1 s left", "next try in 1 s"},     {7.2, "about 8 s left", "next try in 8 s"},
+               {42, "about 45 s left", "next try in 42 s"},    {125, "about 2 min left", "next try in 2 min"},
+               {89 * 60, "about 89 min left", "next try in 89 min"}, {7200, "about 2 h left", "next try in 120 min"}};
+  for (const auto& t : texts) {
+    EXPECT_EQ(shelf::timeLeftText(t.seconds), t.left) << t.seconds;
+    EXPECT_EQ(shelf::retryText(t.seconds), t.retry) << t.seconds;
+  }
+
+  const auto t0 = shelf::DownloadActivity::Clock::time_point() + 1h;
+  auto item = [](const char* id, int64_t size, int64_t position, bool running) {
+    platform::DownloadItem item;
+    item.uniqueId = id;
+    item.size = size;
+    item.position = position;
+    item.inProgress = running;
+    return item;
+  };
+  shelf::DownloadActivity activity;
+  // Two running downloads: 1.4 MB at 200 KB/s with 600 KB left, and one of unknown size at 100 KB/s.
+  for (int second = 0; second <= 4; ++second) {
+    activity.record(item("A", 1'400'000, 200'000 * second, true), t0 + std::chrono::seconds(second));
+    activity.record(item("B", 0, 100'000 * second, true), t0 + std::chrono::seconds(second));
+  }
+  platform::DownloadItem failed = item("C", 5000, 0, false);
+  failed.lastError = "The server answered 503";
+  failed.retryDate = 1000.0 + 12;
+  std::vector<platform::DownloadItem> queue = {failed, item("A", 1'400'000, 800'000, true), item("B", 0, 400'000, true),
+                                               item("D", 10, 0, false)};
+  auto message = activity.message(queue, {}, true, 3, t0 + 4s, 1000.0);
+  EXPECT_EQ(message["summary"], "2 downloading \u00B7 300 KB/s") << "no time left while a size is unknown";
+  EXPECT_EQ(message["paused"], nullptr);
+  EXPECT_EQ(message["rows"], nlohmann::json::parse(R"([
+      {"row": 0, "text": "Last try failed: The server answered 503 \u00B7 next try in 12 s"},
+      {"row": 1, "text": "200 KB/s \u00B7 about 3 s left"},
+      {"row": 2, "text": "100 KB/s"}])"));
+  auto estimate = activity.estimate(queue[1], t0 + 4s);
+  ASSERT_TRUE(estimate && estimate->secondsLeft);
+  EXPECT_NEAR(estimate->bytesPerSecond, 200'000, 1);
+  EXPECT_NEAR(*estimate->secondsLeft, 3.0, 0.01);
+
+  queue.pop_back();
+  queue.pop_back();
+  message = activity.message(queue, {}, true, 3, t0 + 4s, 1000.0);
+  EXPECT_EQ(message["summary"], "1 downloading \u00B7 200 KB/s \u00B7 about 3 s left");
+
+  // Finished: nothing is said about it any more, and the retry time has passed.
+  activity.record(item("A", 1'400'000, 1'400'000, false), t0 + 5s);
+  queue[1].inProgress = false;
+  message = activity.message(queue, {}, true, 3, t0 + 5s, 1013.0);
+  EXPECT_EQ(message["summary"], nullptr);
+  EXPECT_EQ(message["rows"], nlohmann::json::parse(R"([{"row": 0, "text": "Last try failed: The server answered 503"}])"));
+  EXPECT_FALSE(activity.estimate(queue[1], t0 + 5s));
+
+  platform::DownloadSettings notPermitted;
+  notPermitted.downloadsPermitted = false;
+  struct {
+    platform::DownloadSettings settings;
+    bool network;
+    const char* reason;  // null: not paused
+  } held[] = {{{}, true, nullptr},
+              {notPermitted, true, "Downloads are not permitted in Settings."},
+              {{}, false, "No network connection that downloads may use."}};
+  for (const auto& h : held) {
+    auto paused = activity.message(queue, h.settings, h.network, 3, t0, 0)["paused"];
+    if (!h.reason) {
+      EXPECT_EQ(paused, nullptr);
+      continue;
+    }
+    EXPECT_EQ(paused["text"], "Downloads are paused");
+    EXPECT_EQ(paused["reason"], h.reason);
+    EXPECT_EQ(paused["menu"], 3);
+  }
 }
 
 TEST(AccessToken, MadeOnceAndReadableByTheOwnerOnly) {
