@@ -1,5 +1,7 @@
 #include "shelf/host/WebBridge.h"
 
+#include <algorithm>
+
 #include "module/platform/Localization.h"
 #include "module/platform/Log.h"
 #include "module/platform/MainQueue.h"
@@ -13,6 +15,18 @@ namespace shelf {
 namespace {
 
 std::string hostText(const char* english) { return platform::localizedString("shelf", english); }
+
+// The browser's enterkeyhint for a return key type (the kit's numbering).
+const char* enterKeyHint(int64_t returnKeyType) {
+  switch (returnKeyType) {
+    case 1: return "go";
+    case 2: case 6: case 8: return "search";
+    case 4: return "next";
+    case 7: return "send";
+    case platform::AlertDialog::kReturnKeyDone: return "done";
+    default: return "enter";
+  }
+}
 
 nlohmann::json textOrNull(const std::optional<std::string>& text) {
   return text ? nlohmann::json(*text) : nlohmann::json(nullptr);
@@ -186,9 +200,12 @@ void WebBridge::sendHello(Tab& tab) {
                     {"accessibilityLabel", entry->accessibilityLabel()}});
   }
   nlohmann::json strings = nlohmann::json::object();
-  for (const char* text : {"OK", "Cancel", "Back", "Menu"}) strings[text] = hostText(text);
+  for (const char* text : {"OK", "Cancel", "Back", "Menu", "Decrease", "Increase"}) strings[text] = hostText(text);
   strings["Reconnecting"] = hostText("Reconnecting…");
-  tab.screens->sendMessage({{"t", "hello"}, {"title", "Shelf"}, {"menu", menu}, {"strings", strings}});
+  std::string language = platform::translationLanguage("shelf");
+  std::replace(language.begin(), language.end(), '_', '-');
+  tab.screens->sendMessage(
+      {{"t", "hello"}, {"title", "Shelf"}, {"lang", language}, {"menu", menu}, {"strings", strings}});
   // What the other tabs show, this one shows too.
   if (overlayMessage_)
     tab.screens->sendMessage({{"t", "overlay"}, {"message", *overlayMessage_}, {"cancel", hostText("Cancel")}});
@@ -333,7 +350,8 @@ void WebBridge::presentDialog(const platform::AlertDialog::Request& request,
                                     {"ok", request.okButtonTitle},
                                     {"cancel", hostText("Cancel")},
                                     {"secure", request.secure},
-                                    {"value", textOrNull(request.value)}});
+                                    {"value", textOrNull(request.value)},
+                                    {"enterKeyHint", enterKeyHint(request.returnKeyType)}});
 }
 
 }  // namespace shelf

@@ -22,7 +22,10 @@ import { Dialogs } from './dialogs.js';
 import { Activity } from './activity.js';
 
 const MENU_KEY = 'shelf.menu';
-const strings = { OK: 'OK', Cancel: 'Cancel', Back: 'Back', Menu: 'Menu', Reconnecting: 'Reconnecting\u2026' };
+const strings = {
+  OK: 'OK', Cancel: 'Cancel', Back: 'Back', Menu: 'Menu', Reconnecting: 'Reconnecting\u2026',
+  Decrease: 'Decrease', Increase: 'Increase',
+};
 
 let screenId = null;
 
@@ -30,7 +33,7 @@ const url = `${location.protocol === 'https:' ? 'wss' : 'ws'}://${location.host}
 const socket = new Socket(url, receive, connected);
 const send = (msg) => socket.send(msg);
 
-const views = new Views(send);
+const views = new Views(send, strings);
 const table = new Table(document.getElementById('table'), views, send);
 const bars = new Bars(send, openMenu);
 const dialogs = new Dialogs(send, strings);
@@ -56,6 +59,7 @@ function openMenu(index) {
 
 function hello(m) {
   Object.assign(strings, m.strings);
+  if (typeof m.lang === 'string' && /^[A-Za-z]{2,3}(-[A-Za-z0-9]+)*$/.test(m.lang)) document.documentElement.lang = m.lang;
   bars.setStrings(strings);
   document.title = m.title ?? 'Shelf';
   dialogs.reset();
@@ -92,6 +96,13 @@ function patch(m) {
   }
   table.refresh();
 }
+
+// Keys that act through the toolbar (Delete, Control+A, Escape), unless a
+// dialog or a text field has them.
+document.addEventListener('keydown', (e) => {
+  if (e.defaultPrevented || document.querySelector('dialog[open]') || e.target.closest?.('input, textarea')) return;
+  if (bars.shortcut(e)) e.preventDefault();
+});
 
 function receive(m) {
   switch (m.t) {

@@ -100,6 +100,7 @@ export class Dialogs {
     input.type = m.secure ? 'password' : 'text';
     input.placeholder = m.placeholder ?? '';
     input.value = typeof m.value === 'string' ? m.value : '';
+    input.enterKeyHint = typeof m.enterKeyHint === 'string' ? m.enterKeyHint : 'enter';
     dialog.querySelector('.dialog-ok').textContent = m.ok ?? this.strings.OK;
     dialog.querySelector('.dialog-cancel').textContent = m.cancel ?? this.strings.Cancel;
     dialog.showModal();

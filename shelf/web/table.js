@@ -63,11 +63,28 @@ export class Table {
     new ResizeObserver(() => this.schedule()).observe(scroller);
     scroller.addEventListener('click', (e) => this.tap(e));
     scroller.addEventListener('keydown', (e) => {
-      if ((e.key === 'Enter' || e.key === ' ') && e.target.classList.contains('row')) {
+      if (!e.target.classList.contains('row')) return;
+      if (e.key === 'Enter' || e.key === ' ') {
         e.preventDefault();
         this.tap(e);
+      } else if (e.key === 'ArrowDown' || e.key === 'ArrowUp') {
+        e.preventDefault();
+        this.moveFocus(e.target, e.key === 'ArrowDown' ? 1 : -1);
       }
     });
+  }
+
+  // Focuses the row `step` rows from `el`'s, scrolling it into view (and so into the DOM).
+  moveFocus(el, step) {
+    const sec = this.byIndex.get(Number(el.dataset.section));
+    const r = Number(el.dataset.row) + step;
+    if (!sec || !(r >= 0 && r < sec.count)) return;
+    const top = sec.offset + sec.prefix[r], bottom = top + sec.heights[r];
+    const view = this.scroller;
+    if (top < view.scrollTop) view.scrollTop = top;
+    else if (bottom > view.scrollTop + view.clientHeight) view.scrollTop = bottom - view.clientHeight;
+    this.refresh();
+    sec.rendered.get(r)?.focus();
   }
 
   setNotes(notes) {
@@ -201,6 +218,7 @@ export class Table {
       this.forget(this.byId.get(view.id), true);  // a reused cell leaves its old row
       this.forget(sec.cells.get(row), true);
       const rec = { id: view.id, el: this.views.build(view), sec, row };
+      this.views.nameControls(rec.el);
       this.seen.add(view.id);
       sec.cells.set(row, rec);
       this.byId.set(view.id, rec);

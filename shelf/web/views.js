@@ -30,8 +30,9 @@ const EDGES = ['left', 'right', 'top', 'bottom', 'width', 'height'];
 const num = (v, fallback) => (typeof v === 'number' && Number.isFinite(v) ? v : fallback);
 
 export class Views {
-  constructor(send) {
+  constructor(send, strings) {
     this.send = send;
+    this.strings = strings;
     this.entries = new Map();   // view id → {el, kind, props, parts}
     this.sized = new Set();     // ids of views with sameHeightAs
     this.frame = 0;
@@ -47,6 +48,7 @@ export class Views {
     const tag = { link: 'a', switch: 'button', button: 'button' }[kind] ?? 'div';
     const el = document.createElement(tag);
     el.classList.add('v', `v-${kind}`);
+    el.id = `v${node.id}`;
     if (kind === 'cell') el.classList.add('cell');
     el.dataset.vid = node.id;
     const entry = { el, kind, props: { ...node.props }, parts: {} };
@@ -105,11 +107,12 @@ export class Views {
       el.addEventListener('click', () => this.send({ t: 'tap', id }));
     } else if (kind === 'stepper') {
       el.setAttribute('role', 'group');
-      for (const [name, sign, text] of [['minus', -1, '\u2212'], ['plus', 1, '+']]) {
+      for (const [name, sign, text, label] of [['minus', -1, '\u2212', 'Decrease'], ['plus', 1, '+', 'Increase']]) {
         const b = parts[name] = el.appendChild(document.createElement('button'));
         b.type = 'button';
         b.className = `stepper-${name}`;
         b.textContent = text;
+        b.setAttribute('aria-label', this.strings?.[label] ?? label);
         b.addEventListener('click', () => this.step(id, entry, sign));
       }
     }
@@ -182,6 +185,15 @@ export class Views {
         break;
     }
     this.scheduleFlush();
+  }
+
+  // A switch or stepper is named by the first label of its cell, which says what it sets.
+  nameControls(cellEl) {
+    const label = cellEl.querySelector('.v-label');
+    if (!label) return;
+    for (const control of cellEl.querySelectorAll('.v-switch, .v-stepper')) {
+      if (!control.hasAttribute('aria-label')) control.setAttribute('aria-labelledby', label.id);
+    }
   }
 
   // sameHeightAs: copy rendered heights once layout has settled.

@@ -26,7 +26,7 @@ describe('an empty queue', { timeout: 5 * 60_000 }, () => {
 
   test('only entering a URL is possible', async () => {
     await eventually(() => tools(page), (v) => assert.deepEqual(v,
-      { DFEnterUrl: true, DFStart: false, DFStop: false, DFRemove: false, DFSelect: false, DFDeselect: false }));
+      { 'Enter URL': true, Start: false, Stop: false, Remove: false, 'Select All': false, 'Deselect All': false }));
   });
 
   test('text that gives no http(s) address with a host is an incorrect URL', async () => {
@@ -139,34 +139,67 @@ describe('selection and the toolbar', { timeout: 5 * 60_000 }, () => {
   });
 
   test('the buttons follow the selected rows', async () => {
-    const none = { DFEnterUrl: true, DFStart: false, DFStop: false, DFRemove: false, DFSelect: true, DFDeselect: false };
-    const some = { ...none, DFRemove: true, DFDeselect: true };
+    const none = { 'Enter URL': true, Start: false, Stop: false, Remove: false, 'Select All': true, 'Deselect All': false };
+    const some = { ...none, Remove: true, 'Deselect All': true };
     const cases = [
-      { tap: [0], want: { ...some, DFStop: true } },           // active only
-      { tap: [1], want: { ...some, DFStart: true } },          // inactive only
-      { tap: [0, 1], want: { ...some, DFStart: true, DFStop: true } },
-      { tap: [0, 1, 0], want: { ...some, DFStart: true } },    // tapping again deselects
+      { tap: [0], want: { ...some, Stop: true } },           // active only
+      { tap: [1], want: { ...some, Start: true } },          // inactive only
+      { tap: [0, 1], want: { ...some, Start: true, Stop: true } },
+      { tap: [0, 1, 0], want: { ...some, Start: true } },    // tapping again deselects
     ];
     for (const { tap, want } of cases) {
       for (const r of tap) await selectRow(page, r);
       await eventually(() => tools(page), (v) => assert.deepEqual(v, want, `after tapping ${tap}`));
-      await tool(page, 'DFDeselect');
+      await tool(page, 'Deselect All');
       await eventually(() => tools(page), (v) => assert.deepEqual(v, none));
       assert.deepEqual((await rows(page)).filter((r) => r.selected), []);
     }
-    await tool(page, 'DFSelect');
+    await tool(page, 'Select All');
     await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => r.selected), [true, true, true, true]));
-    await eventually(() => tools(page), (v) => assert.deepEqual(v, { ...some, DFStart: true, DFStop: true, DFSelect: false }));
-    await tool(page, 'DFDeselect');
+    await eventually(() => tools(page), (v) => assert.deepEqual(v, { ...some, Start: true, Stop: true, 'Select All': false }));
+    await tool(page, 'Deselect All');
     await eventually(() => tools(page), (v) => assert.deepEqual(v, none));
+  });
+
+  test('the keyboard moves the focus, selects, and acts through the toolbar', async () => {
+    const focused = () => page.evaluate(() => {
+      const row = document.activeElement?.closest('.row');
+      return row ? { row: Number(row.dataset.row), ring: getComputedStyle(row, '::before').borderTopWidth } : null;
+    });
+    await page.locator('#table .row[data-row="0"]').focus();
+    await page.keyboard.press('ArrowDown');
+    await page.keyboard.press('ArrowDown');
+    await page.keyboard.press('ArrowUp');
+    assert.deepEqual(await focused(), { row: 1, ring: '2px' }, 'the focused row shows a ring');
+    await page.keyboard.press('Space');
+    await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => r.selected), [false, true, false, false]));
+    const keys = [
+      { key: 'Control+a', selected: [true, true, true, true] },
+      { key: 'Escape', selected: [false, false, false, false] },
+    ];
+    for (const { key, selected } of keys) {
+      await page.keyboard.press(key);
+      await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => r.selected), selected, key));
+    }
+    await page.keyboard.press('Delete');
+    await sleep(300);
+    assert.equal(await page.getByRole('dialog').count(), 0, 'Remove is disabled with nothing selected, so Delete does nothing');
+    await page.keyboard.press('Space');
+    await page.keyboard.press('Delete');
+    const dialog = page.getByRole('dialog');
+    await dialog.getByRole('button', { name: 'Cancel' }).click();
+    await dialog.waitFor({ state: 'hidden' });
+    assert.equal((await api(shelf.url, 'GET', '/api/downloads')).body.length, 4);
+    await tool(page, 'Deselect All');
+    await eventually(() => rows(page), (v) => assert.ok(v.every((r) => !r.selected)));
   });
 
   test('removing rows 0 and 2 asks first; cancel keeps them selected', async () => {
     await selectRow(page, 0);
     await selectRow(page, 2);
-    await eventually(() => tools(page), (v) => assert.equal(v.DFRemove, true));
+    await eventually(() => tools(page), (v) => assert.equal(v.Remove, true));
     for (const answer of ['.dialog-cancel', '.dialog-ok']) {
-      await tool(page, 'DFRemove');
+      await tool(page, 'Remove');
       await page.waitForSelector('#dialog[open]');
       assert.equal(await page.textContent('#dialog .dialog-text'), 'Are you sure you want to delete selected items?');
       assert.equal(await page.textContent('#dialog .dialog-ok'), 'Delete');
@@ -210,9 +243,10 @@ describe('the settings page', { timeout: 5 * 60_000 }, () => {
     await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => r.texts[0]), labels));
     await shot(page, 'settings');
     for (const [on, shown] of [[false, labels.slice(0, 1)], [true, labels]]) {
-      await page.click('#table .row[data-row="0"] .v-switch');
+      const permitted = page.getByRole('switch', { name: 'Downloads Permitted' });
+      await permitted.click();
       await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => r.texts[0]), shown));
-      assert.equal(await page.getAttribute('#table .row[data-row="0"] .v-switch', 'aria-checked'), String(on));
+      assert.equal(await permitted.getAttribute('aria-checked'), String(on));
       assert.equal(await setting('downloadsPermitted'), on);
     }
   });
@@ -220,15 +254,16 @@ describe('the settings page', { timeout: 5 * 60_000 }, () => {
   test('the stepper stays within 1 to 10 and stores its value', async (t) => {
     const page = await openSettings(t);
     await eventually(() => stepperValue(page), (v) => assert.equal(v, '3'));
-    for (const [button, step, limit] of [['minus', -1, 1], ['plus', 1, 10]]) {
-      const sel = `#table .row[data-row="2"] .stepper-${button}`;
+    const stepper = page.getByRole('group', { name: 'Active Downloads Count' });
+    for (const [button, step, limit] of [['Decrease', -1, 1], ['Increase', 1, 10]]) {
+      const control = stepper.getByRole('button', { name: button });
       for (let value = Number(await stepperValue(page)); value !== limit; ) {
-        await page.click(sel);
+        await control.click();
         value += step;
         await eventually(() => stepperValue(page), (v) => assert.equal(v, String(value)));
         await eventually(() => setting('maxActiveDownloadCount'), (v) => assert.equal(v, value));
       }
-      assert.equal(await page.isDisabled(sel), true, `${button} disabled at ${limit}`);
+      assert.equal(await control.isDisabled(), true, `${button} disabled at ${limit}`);
     }
   });
 
@@ -236,8 +271,7 @@ describe('the settings page', { timeout: 5 * 60_000 }, () => {
     assert.equal((await api(shelf.url, 'PUT', '/api/settings', { maxActiveDownloadCount: 4 })).status, 200);
     const page = await openSettings(t);
     await eventually(() => stepperValue(page), (v) => assert.equal(v, '4'));
-    assert.equal(await page.isDisabled('#table .row[data-row="2"] .stepper-minus'), false);
-    assert.equal(await page.isDisabled('#table .row[data-row="2"] .stepper-plus'), false);
+    for (const name of ['Decrease', 'Increase']) assert.equal(await page.getByRole('button', { name }).isDisabled(), false);
   });
 
   test('on a narrow screen the menu is a drawer', async (t) => {
@@ -270,13 +304,18 @@ describe('in German', { timeout: 5 * 60_000 }, () => {
     assert.equal(menu[0], 'Dokumente');
     await openMenu(page, 'Downloads');
     await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => [r.title, r.status]), [['stopped.zip', 'angehalten']]));
-    await tool(page, 'DFEnterUrl');
+    assert.equal(await page.getAttribute('html', 'lang'), 'de');
+    assert.deepEqual(Object.keys(await tools(page)).sort(),
+      ['Alle auswählen', 'Anhalten', 'Auswahl aufheben', 'Entfernen', 'Starten', 'URL eingeben']);
+    await tool(page, 'URL eingeben');
     await page.waitForSelector('#dialog[open]');
     assert.equal(await page.textContent('#dialog .dialog-title'), 'URL eingeben');
-    await page.click('#dialog .dialog-cancel');
+    assert.equal(await page.getByRole('dialog').getByRole('textbox').getAttribute('enterkeyhint'), 'done');
+    await page.getByRole('dialog').getByRole('button', { name: 'Abbrechen' }).click();
     await openMenu(page, menu[3]);
     await page.locator('#table .row[data-row]').filter({ hasText: /^Downloads$/ }).click();
     await eventually(() => rows(page), (v) => assert.equal(v[0]?.texts[0], 'Downloads erlaubt'));
+    assert.equal(await page.getByRole('switch', { name: 'Downloads erlaubt' }).getAttribute('aria-checked'), 'false');
   });
 });
 

@@ -208,14 +208,15 @@ export const rows = (page) => page.$$eval('#table .row[data-row]', (els) => els.
     details: text('smallDetail'), status: text('smallTitle')[0] ?? '', texts: text('body') };
 }).sort((a, b) => a.row - b.row));
 export const titles = async (page) => (await rows(page)).map((r) => r.title || r.texts[0]);
-export const tools = (page) => page.$$eval('#toolbar button.tool',
-  (els) => Object.fromEntries(els.map((e) => [e.getAttribute('aria-label'), !e.disabled])));
-export const tool = (page, name) => page.click(`#toolbar button.tool[aria-label=${name}]`);
+// The toolbar's buttons by accessible name, and whether each is enabled.
+export const tools = (page) => page.getByRole('toolbar').getByRole('button')
+  .evaluateAll((els) => Object.fromEntries(els.map((e) => [e.getAttribute('aria-label'), !e.disabled])));
+export const tool = (page, name) => page.getByRole('toolbar').getByRole('button', { name, exact: true }).click();
 export const selectRow = (page, row) => page.click(`#table .row[data-row="${row}"]`);
 export const shot = (page, name) => page.screenshot({ path: path.join(ARTIFACTS, `${name}.png`) });
 
 export async function enterUrl(page, text) {
-  await tool(page, 'DFEnterUrl');
+  await tool(page, 'Enter URL');
   await page.waitForSelector('#dialog[open] .dialog-input');
   await page.fill('#dialog .dialog-input', text);
   await page.click('#dialog .dialog-ok');

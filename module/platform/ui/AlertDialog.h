@@ -34,6 +34,7 @@ class AlertDialog {
     std::string okButtonTitle;
     bool secure = false;
     std::optional<std::string> value;  // an input's text as it opens
+    int64_t returnKeyType = 0;         // what the return key of an input says (kReturnKeyDone, ...)
   };
   // Any request, answered as `present` answers (declined with no presenter).
   static void showRequest(const Request& request, std::function<void(bool ok, const std::string& text)> answered);
