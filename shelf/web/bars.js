@@ -40,7 +40,10 @@ export class Bars {
       b.type = 'button';
       b.className = 'menu-item';
       b.dataset.index = item.index;
-      b.setAttribute('aria-label', item.accessibilityLabel ?? item.title ?? '');
+      // The visible title is the name; a label of the module's that does not contain it is left out.
+      const label = item.accessibilityLabel ?? '';
+      if (!item.title) b.setAttribute('aria-label', label);
+      else if (label && label !== item.title && label.includes(item.title)) b.setAttribute('aria-label', label);
       const icon = b.appendChild(document.createElement('span'));
       icon.className = 'menu-icon';
       setMask(icon, item.icon, 'blue');

@@ -97,6 +97,12 @@ export class Dialogs {
     text.textContent = m.text ?? '';
     text.hidden = !m.text;
     input.hidden = m.kind !== 'input';
+    // The dialog and its field are named by the title, or else by the text.
+    const name = m.title ? 'dialog-title' : m.text ? 'dialog-text' : null;
+    for (const el of [dialog, input]) {
+      if (name) el.setAttribute('aria-labelledby', name); else el.removeAttribute('aria-labelledby');
+    }
+    if (name) input.removeAttribute('aria-label'); else input.setAttribute('aria-label', m.placeholder || m.ok || '');
     input.type = m.secure ? 'password' : 'text';
     input.placeholder = m.placeholder ?? '';
     input.value = typeof m.value === 'string' ? m.value : '';

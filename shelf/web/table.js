@@ -63,7 +63,7 @@ export class Table {
     new ResizeObserver(() => this.schedule()).observe(scroller);
     scroller.addEventListener('click', (e) => this.tap(e));
     scroller.addEventListener('keydown', (e) => {
-      if (!e.target.classList.contains('row')) return;
+      if (!e.target.classList?.contains('row')) return;
       if (e.key === 'Enter' || e.key === ' ') {
         e.preventDefault();
         this.tap(e);
@@ -72,6 +72,12 @@ export class Table {
         this.moveFocus(e.target, e.key === 'ArrowDown' ? 1 : -1);
       }
     });
+  }
+
+  setRoles() {
+    const options = this.selectable !== 'none' && !this.rich;
+    this.content.setAttribute('role', options ? 'listbox' : 'list');
+    this.content.toggleAttribute('aria-multiselectable', options && this.selectable === 'multiple');
   }
 
   // Focuses the row `step` rows from `el`'s, scrolling it into view (and so into the DOM).
@@ -103,8 +109,11 @@ export class Table {
     this.sections = data.map((d) => new Section(d.section, decode(d.heights)));
     this.byIndex = new Map(this.sections.map((s) => [s.index, s]));
     this.selectable = screen.selectable ?? 'none';
-    this.content.setAttribute('role', this.selectable === 'none' ? 'list' : 'listbox');
-    this.content.toggleAttribute('aria-multiselectable', this.selectable === 'multiple');
+    this.content.setAttribute('aria-labelledby', 'title');
+    // Rows whose cells hold links or buttons cannot be options (an option's content is not
+    // interactive): such a screen is a list whose rows can still be tapped.
+    this.rich = false;
+    this.setRoles();
     this.scroller.classList.toggle('selectable', this.selectable !== 'none');
     for (const d of data) this.setCells(d.section, d.cells ?? []);
     this.setSelection(screen.selection ?? []);
@@ -168,12 +177,8 @@ export class Table {
       const el = document.createElement('div');
       el.className = 'row';
       el.dataset.section = sec.index;
-      if (this.selectable !== 'none') {
-        el.tabIndex = 0;
-        el.setAttribute('role', 'option');
-      } else {
-        el.setAttribute('role', 'listitem');
-      }
+      if (this.selectable !== 'none') el.tabIndex = 0;
+      el.setAttribute('role', this.selectable !== 'none' && !this.rich ? 'option' : 'listitem');
       if (sec.entering.has(r)) {
         el.classList.add('row-enter');
         el.addEventListener('animationend', () => el.classList.remove('row-enter'), { once: true });
@@ -193,7 +198,7 @@ export class Table {
     el.style.height = `${sec.heights[r]}px`;
     const selected = this.selection.has(key(sec.index, r));
     el.classList.toggle('selected', selected);
-    if (this.selectable !== 'none') el.setAttribute('aria-selected', String(selected));
+    if (this.selectable !== 'none' && !this.rich) el.setAttribute('aria-selected', String(selected));
     const note = sec.index === 0 ? this.notes.get(r) : undefined;
     if (note) {
       el.title = note;
@@ -219,6 +224,13 @@ export class Table {
       this.forget(sec.cells.get(row), true);
       const rec = { id: view.id, el: this.views.build(view), sec, row };
       this.views.nameControls(rec.el);
+      if (!this.rich && rec.el.querySelector('a, button')) {
+        this.rich = true;
+        this.setRoles();
+        for (const s of this.sections) {
+          for (const r of s.rendered.values()) { r.setAttribute('role', 'listitem'); r.removeAttribute('aria-selected'); }
+        }
+      }
       this.seen.add(view.id);
       sec.cells.set(row, rec);
       this.byId.set(view.id, rec);

@@ -187,11 +187,11 @@ export class Views {
     this.scheduleFlush();
   }
 
-  // A switch or stepper is named by the first label of its cell, which says what it sets.
+  // A switch, stepper or progress bar is named by the first label of its cell, which says what it is about.
   nameControls(cellEl) {
     const label = cellEl.querySelector('.v-label');
     if (!label) return;
-    for (const control of cellEl.querySelectorAll('.v-switch, .v-stepper')) {
+    for (const control of cellEl.querySelectorAll('.v-switch, .v-stepper, .v-progress')) {
       if (!control.hasAttribute('aria-label')) control.setAttribute('aria-labelledby', label.id);
     }
   }

@@ -7,6 +7,7 @@ import http from 'node:http';
 import { mkdtemp, mkdir, readFile, rm } from 'node:fs/promises';
 import os from 'node:os';
 import path from 'node:path';
+import { createRequire } from 'node:module';
 import { chromium } from 'playwright-core';
 
 export const SHELF = process.env.SHELF_BINARY || new URL('../../build-dev/shelf/shelf', import.meta.url).pathname;
@@ -169,8 +170,11 @@ export async function seedQueue(url, files, names, stopped = []) {
 
 // --- The page ---------------------------------------------------------------
 
-export async function openPage(defer, url, viewport = { width: 1100, height: 760 }) {
-  const context = await browser.newContext({ viewport });
+export const PHONE = { width: 390, height: 844 };
+
+// `options`: more browser context options (colorScheme, ...).
+export async function openPage(defer, url, viewport = { width: 1100, height: 760 }, options = {}) {
+  const context = await browser.newContext({ viewport, ...options });
   const page = await context.newPage();
   const errors = [];
   page.on('pageerror', (e) => errors.push(e.message));
@@ -184,6 +188,10 @@ export async function openPage(defer, url, viewport = { width: 1100, height: 760
 }
 
 export async function openMenu(page, title) {
+  // On a narrow screen the menu is a drawer, opened first.
+  const closedDrawer = await page.evaluate(() => getComputedStyle(document.getElementById('menu-button')).display !== 'none'
+    && !document.body.classList.contains('drawer-open'));
+  if (closedDrawer) await page.click('#menu-button');
   await page.locator('#menu .menu-item').filter({ hasText: new RegExp(`^${title}$`) }).click();
   await page.waitForFunction((s) => document.getElementById('title').textContent === s, title);
 }
@@ -230,3 +238,15 @@ export async function takeAlert(page) {
   return text;
 }
 
+
+// --- Accessibility ----------------------------------------------------------
+
+const axeSource = await readFile(createRequire(import.meta.url).resolve('axe-core/axe.min.js'), 'utf8');
+
+// axe-core's audit of the page as it is now: each violation with its impact and where.
+export async function audit(page) {
+  if (!(await page.evaluate(() => typeof window.axe === 'object'))) await page.evaluate(axeSource);
+  const result = await page.evaluate(() => window.axe.run(document, { resultTypes: ['violations'] }));
+  return result.violations.map((v) => ({ id: v.id, impact: v.impact, help: v.help,
+    nodes: v.nodes.map((n) => `${n.target.join(' ')} ${n.html.slice(0, 160)} ${n.any?.[0]?.message ?? ''}`) }));
+}
