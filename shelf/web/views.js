@@ -25,6 +25,32 @@ export function setMask(el, image, color) {
   el.style.backgroundColor = tint(color) || 'currentColor';
 }
 
+// Shows `text` in `el`, cut in the middle when it does not fit ("A long na…me.pdf"):
+// the end, with a short extension, stays. Assistive technology reads the whole text.
+function fitMiddle(el, text) {
+  const fits = () => el.scrollWidth <= el.clientWidth + 1;
+  el.textContent = text;
+  if (!text || fits()) return;
+  const chars = Array.from(text);
+  const dot = text.lastIndexOf('.');
+  const extension = dot > 0 && text.length - dot <= 12 ? Array.from(text.slice(dot)).length : 0;
+  const tail = chars.slice(chars.length - Math.min(chars.length - 1, extension + 3)).join('');
+  const show = (n) => { el.textContent = `${chars.slice(0, n).join('')}\u2026${tail}`; };
+  let lo = 0, hi = chars.length - Array.from(tail).length;
+  while (lo < hi) {
+    const mid = (lo + hi + 1) >> 1;
+    show(mid);
+    if (fits()) lo = mid; else hi = mid - 1;
+  }
+  const whole = document.createElement('span');
+  whole.className = 'sr-only';
+  whole.textContent = text;
+  const shown = document.createElement('span');
+  shown.setAttribute('aria-hidden', 'true');
+  shown.textContent = `${chars.slice(0, lo).join('')}\u2026${tail}`;
+  el.replaceChildren(whole, shown);
+}
+
 const LEAVES = new Set(['label', 'link', 'button', 'progress', 'switch', 'stepper']);
 const EDGES = ['left', 'right', 'top', 'bottom', 'width', 'height'];
 const num = (v, fallback) => (typeof v === 'number' && Number.isFinite(v) ? v : fallback);
@@ -35,12 +61,14 @@ export class Views {
     this.strings = strings;
     this.entries = new Map();   // view id → {el, kind, props, parts}
     this.sized = new Set();     // ids of views with sameHeightAs
+    this.fitted = new Set();    // ids of labels cut in the middle when too long
     this.frame = 0;
   }
 
   clear() {
     this.entries.clear();
     this.sized.clear();
+    this.fitted.clear();
   }
 
   build(node) {
@@ -69,6 +97,7 @@ export class Views {
       if (this.entries.get(id)?.el === n) {
         this.entries.delete(id);
         this.sized.delete(id);
+        this.fitted.delete(id);
       }
     }
   }
@@ -145,6 +174,8 @@ export class Views {
         el.textContent = p.text ?? '';
         el.title = p.text ?? '';
         el.dataset.style = p.style ?? 'body';
+        // Titles are names of files: cut in the middle, so the extension stays.
+        if (p.style === 'largeTitle') { this.fitted.add(id); delete this.entries.get(id)?.fit; } else this.fitted.delete(id);
         s.textAlign = p.align ?? '';
         break;
       case 'progress': {
@@ -198,7 +229,7 @@ export class Views {
 
   // sameHeightAs: copy rendered heights once layout has settled.
   scheduleFlush() {
-    if (this.frame || this.sized.size === 0) return;
+    if (this.frame || (this.sized.size === 0 && this.fitted.size === 0)) return;
     this.frame = requestAnimationFrame(() => {
       this.frame = 0;
       const writes = [];
@@ -210,6 +241,14 @@ export class Views {
         }
       }
       for (const [el, h] of writes) el.style.height = `${h}px`;
+      for (const id of this.fitted) {
+        const e = this.entries.get(id);
+        if (!e?.el.isConnected) continue;
+        const text = e.props.text ?? '', width = e.el.clientWidth;
+        if (e.fit?.text === text && e.fit.width === width) continue;
+        e.fit = { text, width };
+        fitMiddle(e.el, text);
+      }
     });
   }
 }

@@ -3,7 +3,10 @@ import { test, describe, before } from 'node:test';
 import assert from 'node:assert/strict';
 import { readdir, readFile, writeFile } from 'node:fs/promises';
 import path from 'node:path';
-import { api, cleanups, eventually, openMenu, openPage, request, startShelf, takeAlert, tempRoot, useBrowser } from './support.mjs';
+import { unlink } from 'node:fs/promises';
+import {
+  PHONE, api, cleanups, eventually, openMenu, openPage, request, shot, startShelf, takeAlert, tempRoot, useBrowser,
+} from './support.mjs';
 
 useBrowser();
 
@@ -79,5 +82,25 @@ describe('documents', { timeout: 5 * 60_000 }, () => {
     assert.equal((await api(shelf.url, 'POST', '/api/documents/keep.txt/rename', { name: 'kept.txt' })).status, 200);
     assert.equal((await api(shelf.url, 'DELETE', '/api/documents/kept.txt')).status, 204);
     assert.ok(!(await readdir(docs)).includes('kept.txt'));
+  });
+
+  test('on a phone a long name is cut in the middle and keeps its extension', async (t) => {
+    const long = 'Quarterly report of the regional office with every appendix and the minutes.pdf';
+    await writeFile(path.join(docs, long), 'x');
+    t.after(() => unlink(path.join(docs, long)));
+    for (const colorScheme of ['light', 'dark']) {
+      const page = await openPage((f) => t.after(f), shelf.url, PHONE, { colorScheme });
+      await openMenu(page, 'Documents');
+      const label = page.locator('#table .v-label[data-style="largeTitle"]').filter({ hasText: 'Quarterly' });
+      const shown = await eventually(() => label.evaluate((e) => ({
+        visible: e.querySelector('[aria-hidden="true"]')?.textContent ?? e.textContent,
+        read: e.querySelector('.sr-only')?.textContent,
+        tooltip: e.title,
+      })), (v) => assert.match(v.visible, /^Qu.*\u2026.*\.pdf$/));
+      assert.ok(shown.visible.length < long.length, shown.visible);
+      assert.equal(shown.read, long, 'a screen reader reads the whole name');
+      assert.equal(shown.tooltip, long);
+      await shot(page, `documents-long-name-${colorScheme}-phone`);
+    }
   });
 });

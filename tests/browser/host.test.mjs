@@ -304,6 +304,7 @@ describe('in German', { timeout: 5 * 60_000 }, () => {
     assert.equal(menu[0], 'Dokumente');
     await openMenu(page, 'Downloads');
     await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => [r.title, r.status]), [['stopped.zip', 'angehalten']]));
+    assert.ok((await rows(page))[0].details.includes('0 Byte / 100 Byte (0%)'), 'sizes in German units');
     assert.equal(await page.getAttribute('html', 'lang'), 'de');
     assert.deepEqual(Object.keys(await tools(page)).sort(),
       ['Alle auswählen', 'Anhalten', 'Auswahl aufheben', 'Entfernen', 'Starten', 'URL eingeben']);
