@@ -5,6 +5,7 @@
 #include "module/platform/Localization.h"
 #include "module/platform/Log.h"
 #include "module/platform/MainQueue.h"
+#include "module/platform/UUID.h"
 #include "module/platform/ui/Bundle.h"
 #include "module/platform/ui/Registries.h"
 #include "shelfkit/kits/HeadlessPresenters.h"
@@ -58,6 +59,8 @@ class WebPresenters : public platform::ProgressOverlay, public platform::TipsPre
 };
 
 }  // namespace
+
+WebBridge::WebBridge() : instance_(platform::newUUIDString()) {}
 
 std::shared_ptr<WebBridge> WebBridge::create() { return std::shared_ptr<WebBridge>(new WebBridge()); }
 
@@ -126,14 +129,12 @@ void WebBridge::closed(uint64_t id) {
   platform::dispatchAsyncMain([weak, id] {
     auto self = weak.lock();
     if (!self || !self->tabs_.erase(id)) return;
-    // The tab's dialogs are declined; with no tab left, what waits is dismissed.
-    std::vector<uint64_t> orphaned;
-    for (const auto& [dialogId, dialog] : self->dialogs_)
-      if (dialog.tab == id) orphaned.push_back(dialogId);
-    for (uint64_t dialogId : orphaned) {
-      auto answered = std::move(self->dialogs_[dialogId].answered);
-      self->dialogs_.erase(dialogId);
-      answered(false, {});
+    // The tab's dialogs wait a while for the tab to come back; with no tab left, what waits is dismissed.
+    for (const auto& [dialogId, dialog] : self->dialogs_) {
+      if (dialog.tab != id) continue;
+      platform::dispatchAfterMain(self->orphanedDialogGrace_, [weak, dialogId = dialogId] {
+        if (auto bridge = weak.lock()) bridge->declineOrphanedDialog(dialogId);
+      });
     }
     if (!self->tabs_.empty()) return;
     while (!self->alerts_.empty()) self->finishAlert(self->alerts_.begin()->first);
@@ -202,10 +203,15 @@ void WebBridge::sendHello(Tab& tab) {
   nlohmann::json strings = nlohmann::json::object();
   for (const char* text : {"OK", "Cancel", "Back", "Menu", "Decrease", "Increase"}) strings[text] = hostText(text);
   strings["Reconnecting"] = hostText("Reconnecting…");
+  strings["Undelivered"] = hostText("Your answer could not be delivered: the connection to the host was lost.");
   std::string language = platform::translationLanguage("shelf");
   std::replace(language.begin(), language.end(), '_', '-');
-  tab.screens->sendMessage(
-      {{"t", "hello"}, {"title", "Shelf"}, {"lang", language}, {"menu", menu}, {"strings", strings}});
+  tab.screens->sendMessage({{"t", "hello"},
+                            {"title", "Shelf"},
+                            {"lang", language},
+                            {"instance", instance_},
+                            {"menu", menu},
+                            {"strings", strings}});
   // What the other tabs show, this one shows too.
   if (overlayMessage_)
     tab.screens->sendMessage({{"t", "overlay"}, {"message", *overlayMessage_}, {"cancel", hostText("Cancel")}});
@@ -259,7 +265,10 @@ void WebBridge::handle(uint64_t tabId, Tab& tab, const nlohmann::json& message) 
   } else if (*type == "dialog") {
     auto found = dialogs_.find(id);
     const auto ok = shelfkit::boolField(message, "ok");
-    if (found == dialogs_.end() || found->second.tab != tabId || !ok) return;
+    if (!ok) return;
+    if (found == dialogs_.end()) return tab.screens->sendMessage({{"t", "dialogExpired"}, {"id", id}});
+    // Only its own tab answers a dialog, or any tab once its own is gone.
+    if (found->second.tab != tabId && tabs_.count(found->second.tab)) return;
     auto answered = std::move(found->second.answered);
     dialogs_.erase(found);
     answered(*ok, shelfkit::stringField(message, "text").value_or(""));
@@ -330,6 +339,14 @@ void WebBridge::finishTip(uint64_t id) {
   tips_.erase(found);
   broadcast({{"t", "tipClose"}, {"id", id}});
   if (completion) completion();
+}
+
+void WebBridge::declineOrphanedDialog(uint64_t id) {
+  auto found = dialogs_.find(id);
+  if (found == dialogs_.end() || tabs_.count(found->second.tab)) return;
+  auto answered = std::move(found->second.answered);
+  dialogs_.erase(found);
+  answered(false, {});
 }
 
 void WebBridge::presentDialog(const platform::AlertDialog::Request& request,

@@ -25,6 +25,7 @@ const MENU_KEY = 'shelf.menu';
 const strings = {
   OK: 'OK', Cancel: 'Cancel', Back: 'Back', Menu: 'Menu', Reconnecting: 'Reconnecting\u2026',
   Decrease: 'Decrease', Increase: 'Increase',
+  Undelivered: 'Your answer could not be delivered: the connection to the host was lost.',
 };
 
 let screenId = null;
@@ -45,10 +46,14 @@ window.__shelf = {
   firstScreenAt: null,
 };
 
+// While the connection is lost the page is dimmed and its controls do nothing
+// (a tap would be lost); an open dialog stays usable and keeps its answer.
 function connected(up) {
   const banner = document.getElementById('banner');
   banner.textContent = strings.Reconnecting;
   banner.hidden = up;
+  document.body.classList.toggle('offline', !up);
+  for (const id of ['menu', 'table', 'toolbar', 'paused', 'topbar']) document.getElementById(id).inert = !up;
 }
 
 function openMenu(index) {
@@ -62,7 +67,7 @@ function hello(m) {
   if (typeof m.lang === 'string' && /^[A-Za-z]{2,3}(-[A-Za-z0-9]+)*$/.test(m.lang)) document.documentElement.lang = m.lang;
   bars.setStrings(strings);
   document.title = m.title ?? 'Shelf';
-  dialogs.reset();
+  dialogs.connected(typeof m.instance === 'string' ? m.instance : '');
   const menu = m.menu ?? [];
   bars.setMenu(menu, m.title ?? '');
   const remembered = sessionStorage.getItem(MENU_KEY);

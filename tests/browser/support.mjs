@@ -49,9 +49,10 @@ export async function tempRoot(defer) {
 }
 
 // `timeout` ends shelf even if this process dies, and passes our SIGTERM on to it.
-export async function startShelf(root, args = []) {
+// `port`: 0 for any free one, or the one a stopped shelf had (to come back where a page waits).
+export async function startShelf(root, args = [], port = 0) {
   const env = { ...process.env, LANG: 'C.UTF-8', LC_ALL: 'C.UTF-8', LANGUAGE: '' };
-  const child = spawn('timeout', ['900', SHELF, 'serve', '--root', root, '--port', '0', ...args],
+  const child = spawn('timeout', ['900', SHELF, 'serve', '--root', root, '--port', String(port), ...args],
     { env, stdio: ['ignore', 'pipe', 'pipe'] });
   const pid = child.pid;
   let out = '';

@@ -622,7 +622,7 @@ TEST_F(BridgeTest, AlertsWaitForATabAndCompleteWhenNoTabIsLeft) {
   ASSERT_TRUE(host_.runUntil([&] { return completions == 3; }));
 }
 
-TEST_F(BridgeTest, DialogsGoToTheActingTabAndAreDeclinedWhenItCloses) {
+TEST_F(BridgeTest, DialogsGoToTheActingTabAndWaitForItToComeBack) {
   auto a = connect(1), b = connect(2);
   std::vector<bool> answers;
   say(1, {{"t", "noop"}});  // tab 1 acted last
@@ -636,11 +636,29 @@ TEST_F(BridgeTest, DialogsGoToTheActingTabAndAreDeclinedWhenItCloses) {
   say(1, {{"t", "dialog"}, {"id", id}, {"ok", true}});
   EXPECT_EQ(answers, std::vector<bool>{true});
 
+  // Its tab goes away: the same browser tab, back on a new connection, still answers it.
   platform::AlertDialog::showConfirmDialogWithTitle(std::nullopt, std::string("Again?"), "Delete",
                                                     [&](bool ok) { answers.push_back(ok); });
+  const auto again = a->of("dialog").back()["id"];
   bridge_->closed(1);
+  connect(3);
+  say(3, {{"t", "dialog"}, {"id", again}, {"ok", true}, {"text", ""}});
   ASSERT_TRUE(host_.runUntil([&] { return answers.size() == 2; }));
-  EXPECT_FALSE(answers[1]);
+  EXPECT_TRUE(answers[1]) << "an answer given while the connection was lost is kept";
+
+  // Nobody answers: declined once the grace is over.
+  bridge_->setOrphanedDialogGrace(std::chrono::milliseconds(50));
+  say(3, {{"t", "noop"}});
+  platform::AlertDialog::showConfirmDialogWithTitle(std::nullopt, std::string("Once more?"), "Delete",
+                                                    [&](bool ok) { answers.push_back(ok); });
+  bridge_->closed(3);
+  ASSERT_TRUE(host_.runUntil([&] { return answers.size() == 3; }));
+  EXPECT_FALSE(answers[2]);
+
+  // An answer to a dialog the host does not know (it restarted, or the dialog ended) is refused visibly.
+  say(2, {{"t", "dialog"}, {"id", 987654}, {"ok", true}, {"text", "http://lost.example/"}});
+  ASSERT_EQ(b->of("dialogExpired").size(), 1u);
+  EXPECT_EQ(b->of("dialogExpired")[0]["id"], 987654);
 }
 
 TEST_F(BridgeTest, ATipIsShownOnceAndTheOverlayCanBeCancelledFromAnyTab) {
