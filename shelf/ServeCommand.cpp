@@ -79,15 +79,17 @@ int runServe(const ServeOptions& options) {
   for (const auto& line : errors) std::cerr << "shelf: " << line << "\n";
   if (auto service = platform::DownloadService::sharedInstance()) {
     shelf::DownloadActivity::start();
-    bridge->startActivityUpdates([service] {
+    bridge->startActivityUpdates([service, documents = layout.documents] {
       const auto settings = service->settings();
       auto network = platform::NetworkMonitor::sharedInstance();
       const bool usable = !network || (network->internetAvailable() &&
                                        (settings.useCellularData || network->internetViaWiFiAvailable()));
       const double wallNow = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-      return shelf::DownloadActivity::sharedInstance()->message(service->downloads(), settings, usable,
-                                                                shelf::settingsMenuIndex(),
-                                                                shelf::DownloadActivity::Clock::now(), wallNow);
+      auto activity = shelf::DownloadActivity::sharedInstance();
+      auto message = activity->message(service->downloads(), settings, usable, shelf::settingsMenuIndex(),
+                                       shelf::DownloadActivity::Clock::now(), wallNow);
+      message["finished"] = shelf::finishedFiles(activity->finished(), documents);
+      return message;
     });
   }
 

@@ -1,9 +1,11 @@
 #include "shelf/host/DownloadActivity.h"
 
 #include <cmath>
+#include <filesystem>
 
 #include "module/platform/Localization.h"
 #include "module/platform/MainQueue.h"
+#include "module/platform/RecentItems.h"
 #include "module/platform/ui/Formatting.h"
 
 namespace shelf {
@@ -20,6 +22,21 @@ std::string counted(const char* english, int64_t count) {
   std::string text = hostText(english);
   if (auto at = text.find("%d"); at != std::string::npos) text.replace(at, 2, std::to_string(count));
   return text;
+}
+
+// A download leaves the queue when its file is placed (and right after, its file
+// becomes the newest recent item) or when the user removes it. The file placed
+// is named after the download, perhaps with a number added: "a.zip", "a(1).zip".
+std::optional<std::string> placedFile(const platform::DownloadItem& item) {
+  const auto name = item.outputFilename ? item.outputFilename : item.filename;
+  if (!name || name->empty()) return std::nullopt;
+  const std::string stem = std::filesystem::path(*name).stem().string();
+  for (const auto& source : platform::RecentItemsRegistry::sharedInstance()->sources()) {
+    const auto items = source->items();
+    if (items.empty()) continue;
+    if (std::filesystem::path(items.front().path).filename().string().starts_with(stem)) return items.front().path;
+  }
+  return std::nullopt;
 }
 
 std::shared_ptr<DownloadActivity>& shared() {
@@ -59,6 +76,16 @@ void DownloadActivity::start() {
 void DownloadActivity::downloadServiceEvent(platform::DownloadEvent event, const platform::DownloadItem& item) {
   if (event == platform::DownloadEvent::Removed) {
     rates_.erase(item.uniqueId);
+    // The recent items learn of a placed file right after its removal.
+    std::weak_ptr<DownloadActivity> weak = weak_from_this();
+    platform::dispatchAsyncMain([weak, item] {
+      auto self = weak.lock();
+      auto placed = self ? placedFile(item) : std::nullopt;
+      if (!placed) return;
+      std::erase(self->finished_, *placed);
+      self->finished_.insert(self->finished_.begin(), *placed);
+      if (self->finished_.size() > kFinishedKept) self->finished_.pop_back();
+    });
     return;
   }
   record(item, Clock::now());

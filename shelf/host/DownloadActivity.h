@@ -23,7 +23,8 @@ struct TransferEstimate {
   std::optional<double> secondsLeft;  // none when the size is unknown or nothing moves
 };
 
-class DownloadActivity : public platform::DownloadServiceObserver {
+class DownloadActivity : public platform::DownloadServiceObserver,
+                         public std::enable_shared_from_this<DownloadActivity> {
  public:
   using Clock = TransferRate::Clock;
 
@@ -34,6 +35,10 @@ class DownloadActivity : public platform::DownloadServiceObserver {
   void downloadServiceEvent(platform::DownloadEvent event, const platform::DownloadItem& item) override;
   // Feeds one report; what the observer does, with the time given.
   void record(const platform::DownloadItem& item, Clock::time_point now);
+
+  // The files of the downloads that finished while this host runs, newest first (at most kFinishedKept).
+  static constexpr size_t kFinishedKept = 20;
+  const std::vector<std::string>& finished() const { return finished_; }
 
   // For a running download whose speed is known.
   std::optional<TransferEstimate> estimate(const platform::DownloadItem& item, Clock::time_point now) const;
@@ -47,6 +52,7 @@ class DownloadActivity : public platform::DownloadServiceObserver {
 
  private:
   std::map<std::string, TransferRate> rates_;
+  std::vector<std::string> finished_;
 };
 
 // The texts, in the host's language (exposed for tests).

@@ -292,6 +292,20 @@ std::optional<int64_t> settingsMenuIndex() {
   return std::nullopt;
 }
 
+nlohmann::json finishedFiles(const std::vector<std::string>& paths, const std::string& documentsDirectory) {
+  nlohmann::json files = nlohmann::json::array();
+  for (const auto& path : paths) {
+    const fs::path relative = fs::path(path).lexically_relative(documentsDirectory);
+    if (relative.empty() || *relative.begin() == ".." || !FileResolver::documentInside(documentsDirectory, relative.string()))
+      continue;  // renamed, deleted, or never a file of the folder
+    const std::string url = documentURLForPath(documentsDirectory, path);
+    if (url.empty()) continue;
+    files.push_back({{"name", fs::path(path).filename().string()}, {"url", url}, {"save", url + "?download=1"}});
+    if (files.size() == kMaxFinishedFiles) break;
+  }
+  return files;
+}
+
 void documentsChanged() {
   DCHECK_ON_MAIN();
   auto lists = liveLists();  // a reload may open or close screens

@@ -5,6 +5,9 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <vector>
+
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "module/platform/ui/TableScreenController.h"
@@ -26,6 +29,12 @@ void registerHostScreens(HostScreenContext context);
 
 // REQUIRES: main thread. The side-menu index of the host's Settings entry.
 std::optional<int64_t> settingsMenuIndex();
+
+// REQUIRES: main thread. Of `paths` (newest first), the files the documents folder
+// still sends, at most kMaxFinishedFiles:
+// [{"name", "url", "save"}] (addresses to open and to save), for the Downloads screen's "Finished" strip.
+inline constexpr size_t kMaxFinishedFiles = 3;
+nlohmann::json finishedFiles(const std::vector<std::string>& paths, const std::string& documentsDirectory);
 
 // REQUIRES: main thread. The host changed the documents folder: the file lists on screen reload.
 void documentsChanged();

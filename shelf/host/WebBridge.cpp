@@ -201,7 +201,9 @@ void WebBridge::sendHello(Tab& tab) {
                     {"accessibilityLabel", entry->accessibilityLabel()}});
   }
   nlohmann::json strings = nlohmann::json::object();
-  for (const char* text : {"OK", "Cancel", "Back", "Menu", "Decrease", "Increase"}) strings[text] = hostText(text);
+  for (const char* text : {"OK", "Cancel", "Back", "Menu", "Decrease", "Increase", "Finished", "Open", "Save"})
+    strings[text] = hostText(text);
+  strings["Notify"] = hostText("Notify me when a download finishes");
   strings["Reconnecting"] = hostText("Reconnecting…");
   strings["Undelivered"] = hostText("Your answer could not be delivered: the connection to the host was lost.");
   std::string language = platform::translationLanguage("shelf");

@@ -10,7 +10,7 @@
 //   #alert .alert-text .alert-ok
 //   #tip .tip-text .tip-dismiss
 //   #banner                             shown while reconnecting
-//   #summary, #paused                   the queue's summary and the paused banner (activity message)
+//   #summary, #paused, #finished        the queue's summary, the paused banner, the finished files (activity message)
 //   .v[data-vid]                        every view; labels carry data-style
 // window.__shelf: cellsMaterialized (distinct cell ids received), rowsInDom(),
 // firstScreenAt (performance.now() at the first painted screen with rows).
@@ -26,6 +26,7 @@ const strings = {
   OK: 'OK', Cancel: 'Cancel', Back: 'Back', Menu: 'Menu', Reconnecting: 'Reconnecting\u2026',
   Decrease: 'Decrease', Increase: 'Increase',
   Undelivered: 'Your answer could not be delivered: the connection to the host was lost.',
+  Finished: 'Finished', Open: 'Open', Save: 'Save', Notify: 'Notify me when a download finishes',
 };
 
 let screenId = null;
@@ -38,7 +39,7 @@ const views = new Views(send, strings);
 const table = new Table(document.getElementById('table'), views, send);
 const bars = new Bars(send, openMenu);
 const dialogs = new Dialogs(send, strings);
-const activity = new Activity(table, openMenu);
+const activity = new Activity(table, openMenu, strings);
 
 window.__shelf = {
   get cellsMaterialized() { return table.seen.size; },

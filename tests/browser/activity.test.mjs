@@ -34,6 +34,14 @@ describe('what the queue is doing', { timeout: 6 * 60_000 }, () => {
     assert.equal(added.status, 201);
     const page = await openPage((f) => t.after(f), shelf.url);
     await openMenu(page, 'Downloads');
+    // The user allowed notifications; they are recorded rather than shown.
+    await page.evaluate(() => {
+      window.notes = [];
+      window.Notification = class {
+        static permission = 'granted';
+        constructor(title, options) { window.notes.push([title, options?.body]); }
+      };
+    });
     const row = await eventually(() => describeRow(page, 0),
       (v) => assert.match(v.description ?? '', /^[\d.]+ (KB|MB)\/s · about \d+ (s|min) left$/), LONG);
     assert.equal(row.title, row.description, 'the tooltip says the same');
@@ -43,6 +51,12 @@ describe('what the queue is doing', { timeout: 6 * 60_000 }, () => {
     assert.ok(item.bytesPerSecond > 0 && item.secondsLeft > 0, JSON.stringify(item));
     await eventually(() => api(shelf.url, 'GET', '/api/downloads'), (r) => assert.equal(r.body.length, 0), LONG);
     await eventually(() => summary(page), (v) => assert.equal(v, null));
+    // It is not gone without a word: the Finished strip offers it, and the browser announced it.
+    const finished = page.getByRole('region', { name: 'Finished' });
+    await finished.getByRole('link', { name: 'Open slow.dat' }).waitFor({ timeout: 10_000 });
+    assert.match(await finished.getByRole('link', { name: 'Save slow.dat' }).getAttribute('href'), /\/documents\/slow\.dat\?download=1$/);
+    assert.deepEqual(await page.evaluate(() => window.notes), [['Finished', 'slow.dat']]);
+    await shot(page, 'downloads-finished');
   });
 
   test('a failing download says why and counts down to its next try', async (t) => {
