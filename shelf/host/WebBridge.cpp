@@ -204,6 +204,9 @@ void WebBridge::sendHello(Tab& tab) {
   for (const char* text : {"OK", "Cancel", "Back", "Menu", "Decrease", "Increase", "Finished", "Open", "Save"})
     strings[text] = hostText(text);
   strings["Notify"] = hostText("Notify me when a download finishes");
+  for (const char* text : {"Add URLs", "Add", "Close", "Added"}) strings[text] = hostText(text);
+  strings["AddURLs"] = hostText("Add URLs");
+  strings["AddURLsHelp"] = hostText("One address per line. Links pasted or dropped on the page land here too.");
   strings["Reconnecting"] = hostText("Reconnecting…");
   strings["Undelivered"] = hostText("Your answer could not be delivered: the connection to the host was lost.");
   std::string language = platform::translationLanguage("shelf");

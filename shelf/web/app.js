@@ -20,6 +20,7 @@ import { Table } from './table.js';
 import { Bars } from './bars.js';
 import { Dialogs } from './dialogs.js';
 import { Activity } from './activity.js';
+import { Intake } from './intake.js';
 
 const MENU_KEY = 'shelf.menu';
 const strings = {
@@ -27,6 +28,7 @@ const strings = {
   Decrease: 'Decrease', Increase: 'Increase',
   Undelivered: 'Your answer could not be delivered: the connection to the host was lost.',
   Finished: 'Finished', Open: 'Open', Save: 'Save', Notify: 'Notify me when a download finishes',
+  AddURLs: 'Add URLs', AddURLsHelp: 'One address per line.', Add: 'Add', Close: 'Close', Added: 'Added',
 };
 
 let screenId = null;
@@ -40,6 +42,9 @@ const table = new Table(document.getElementById('table'), views, send);
 const bars = new Bars(send, openMenu);
 const dialogs = new Dialogs(send, strings);
 const activity = new Activity(table, openMenu, strings);
+const intake = new Intake(strings);
+let sharedTaken = false;
+navigator.serviceWorker?.register('sw.js').catch(() => {});  // only where the page counts as secure
 
 window.__shelf = {
   get cellsMaterialized() { return table.seen.size; },
@@ -65,6 +70,7 @@ function openMenu(index) {
 
 function hello(m) {
   Object.assign(strings, m.strings);
+  intake.setStrings();
   if (typeof m.lang === 'string' && /^[A-Za-z]{2,3}(-[A-Za-z0-9]+)*$/.test(m.lang)) document.documentElement.lang = m.lang;
   bars.setStrings(strings);
   document.title = m.title ?? 'Shelf';
@@ -74,12 +80,16 @@ function hello(m) {
   const remembered = sessionStorage.getItem(MENU_KEY);
   const entry = menu.find((e) => String(e.index) === remembered) ?? menu[0];
   if (entry) openMenu(entry.index);
+  if (!sharedTaken) { sharedTaken = true; intake.takeShared(); }
 }
 
 function showScreen(s) {
   const same = s.id === screenId;
   screenId = s.id;
-  if (!same) activity.clear();
+  if (!same) {
+    activity.clear();
+    document.getElementById('add-urls-button').hidden = true;
+  }
   views.clear();
   bars.setTitle(s.title);
   bars.setBack(!!s.back);
@@ -116,7 +126,10 @@ function receive(m) {
     case 'menu': bars.setMenu(m.menu ?? []); break;
     case 'screen': showScreen(m.screen); break;
     case 'patch': patch(m); break;
-    case 'activity': activity.show(m); break;
+    case 'activity':
+      activity.show(m);
+      document.getElementById('add-urls-button').hidden = false;  // only the queue's screen gets activity
+      break;
     default: dialogs.handle(m);
   }
 }

@@ -35,6 +35,17 @@ const screens = [
       await page.getByRole('dialog').waitFor();
     },
     shows: 'queued.zip',
+    close: (page) => page.getByRole('dialog').getByRole('button', { name: 'Cancel' }).click(),
+  },
+  {
+    name: 'add-urls',
+    open: async (page) => {
+      await openMenu(page, 'Downloads');
+      await page.getByRole('button', { name: 'Add URLs' }).click();
+      await page.getByRole('dialog', { name: 'Add URLs' }).waitFor();
+    },
+    shows: 'queued.zip',
+    close: (page) => page.getByRole('dialog', { name: 'Add URLs' }).getByRole('button', { name: 'Close' }).click(),
   },
 ];
 
@@ -69,7 +80,7 @@ describe('accessibility', { timeout: 8 * 60_000 }, () => {
           await page.waitForTimeout(300);  // transitions
           await page.screenshot({ path: path.join(ARTIFACTS, `${screen.name}-${colorScheme}-${size}.png`) });
           for (const v of await audit(page)) found.push({ screen: screen.name, size, ...v });
-          if (screen.name === 'enter-url-dialog') await page.getByRole('dialog').getByRole('button', { name: 'Cancel' }).click();
+          await screen.close?.(page);
         }
       }
       await writeFile(path.join(ARTIFACTS, `axe-${colorScheme}.json`), JSON.stringify(found, null, 2));
