@@ -185,6 +185,7 @@ describe('selection and the toolbar', { timeout: 5 * 60_000 }, () => {
     await sleep(300);
     assert.equal(await page.getByRole('dialog').count(), 0, 'Remove is disabled with nothing selected, so Delete does nothing');
     await page.keyboard.press('Space');
+    await eventually(() => tools(page), (v) => assert.equal(v.Remove, true), 10_000);  // the host enables Remove
     await page.keyboard.press('Delete');
     const dialog = page.getByRole('dialog');
     await dialog.getByRole('button', { name: 'Cancel' }).click();
