@@ -30,9 +30,9 @@ if ((${#missing[@]})); then
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-# The browser tests' npm packages (playwright-core drives Debian's Chromium).
+# The browser tests' npm packages: playwright-core drives Debian's Chromium, axe-core audits the pages.
 here=$(cd "$(dirname "$0")/.." && pwd)
-if [[ ! -d "$here/tests/browser/node_modules/playwright-core" ]]; then
+if [[ ! -d "$here/tests/browser/node_modules/playwright-core" || ! -d "$here/tests/browser/node_modules/axe-core" ]]; then
   echo "setup: installing the browser tests' npm packages"
   (cd "$here/tests/browser" && npm ci --no-audit --no-fund --loglevel=error)
 fi

@@ -1,5 +1,6 @@
 #include "shelf/ServeCommand.h"
 
+#include <chrono>
 #include <filesystem>
 #include <iostream>
 
@@ -9,7 +10,10 @@
 #include "module/platform/Localization.h"
 #include "module/platform/MainQueue.h"
 #include "module/platform/ui/Bundle.h"
+#include "module/platform/DownloadService.h"
+#include "module/platform/NetworkMonitor.h"
 #include "shelf/host/AccessToken.h"
+#include "shelf/host/DownloadActivity.h"
 #include "shelf/host/Api.h"
 #include "shelf/host/FileResolver.h"
 #include "shelf/host/HostScreens.h"
@@ -73,6 +77,21 @@ int runServe(const ServeOptions& options) {
   std::vector<std::string> errors;
   auto loaded = shelf::loadModules(modules, &errors);
   for (const auto& line : errors) std::cerr << "shelf: " << line << "\n";
+  if (auto service = platform::DownloadService::sharedInstance()) {
+    shelf::DownloadActivity::start();
+    bridge->startActivityUpdates([service, documents = layout.documents] {
+      const auto settings = service->settings();
+      auto network = platform::NetworkMonitor::sharedInstance();
+      const bool usable = !network || (network->internetAvailable() &&
+                                       (settings.useCellularData || network->internetViaWiFiAvailable()));
+      const double wallNow = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+      auto activity = shelf::DownloadActivity::sharedInstance();
+      auto message = activity->message(service->downloads(), settings, usable, shelf::settingsMenuIndex(),
+                                       shelf::DownloadActivity::Clock::now(), wallNow);
+      message["finished"] = shelf::finishedFiles(activity->finished(), documents);
+      return message;
+    });
+  }
 
   shelf::WebServerOptions serverOptions;
   serverOptions.listenAddress = options.listen;

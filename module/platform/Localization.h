@@ -13,6 +13,10 @@ void bindTextDomain(const std::string& domain, const std::string& localeDirector
 // process locale.
 void setPreferredLanguage(const std::string& language);
 
+// The language of the translations `domain` shows now, as its catalogue names
+// it ("de"); "en" when no catalogue is in use.
+std::string translationLanguage(const char* domain);
+
 // The translation of `english` in `domain`, or `english` itself.
 std::string localizedString(const char* domain, const char* english);
 

@@ -27,6 +27,9 @@ class RecentItemsSourceBase {
   void addItemWithFilename(const std::string& path, const std::string& uniqueId);
   // The items, newest first, that still exist on disk.
   std::vector<RecentItem> items() const;
+  // The host renamed the file at `from` to `to`, or removed it (no `to`): its
+  // item follows, or is forgotten. REQUIRES: main thread.
+  void fileMoved(const std::string& from, const std::optional<std::string>& to);
 
   virtual std::string title() const = 0;
   virtual std::string iconName() const = 0;
@@ -37,6 +40,7 @@ class RecentItemsSourceBase {
  private:
   std::string storagePath() const;
   std::vector<RecentItem> load() const;
+  void store(const std::vector<RecentItem>& items) const;
 
   const std::string name_;
   mutable std::mutex mutex_;
@@ -48,6 +52,8 @@ class RecentItemsRegistry {
   static std::shared_ptr<RecentItemsRegistry> sharedInstance();
   void addRecentItemsSource(std::shared_ptr<RecentItemsSourceBase> source);
   std::vector<std::shared_ptr<RecentItemsSourceBase>> sources() const;
+  // Tells every source (see RecentItemsSourceBase::fileMoved).
+  void fileMoved(const std::string& from, const std::optional<std::string>& to);
 
  private:
   mutable std::mutex mutex_;

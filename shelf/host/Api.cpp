@@ -1,11 +1,15 @@
 #include "shelf/host/Api.h"
 
+#include <chrono>
+
 #include <nlohmann/json.hpp>
 
 #include "module/platform/DownloadService.h"
 #include "module/platform/Log.h"
 #include "module/platform/RecentItems.h"
 #include "module/platform/URL.h"
+#include "shelf/host/DocumentFiles.h"
+#include "shelf/host/DownloadActivity.h"
 #include "shelf/host/HostScreens.h"
 
 namespace shelf {
@@ -30,7 +34,13 @@ HttpResponse noContent() {
 
 json jsonOf(const platform::DownloadItem& item) {
   auto optional = [](const auto& value) { return value ? json(*value) : json(nullptr); };
-  return {{"uniqueId", item.uniqueId},
+  std::optional<TransferEstimate> estimate;
+  if (auto activity = DownloadActivity::sharedInstance()) estimate = activity->estimate(item, DownloadActivity::Clock::now());
+  const double wallNow = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+  return {{"bytesPerSecond", estimate ? json(estimate->bytesPerSecond) : json(nullptr)},
+          {"secondsLeft", estimate ? optional(estimate->secondsLeft) : json(nullptr)},
+          {"retryAt", item.retryDate && *item.retryDate > wallNow ? json(*item.retryDate) : json(nullptr)},
+          {"uniqueId", item.uniqueId},
           {"url", item.url},
           {"filename", optional(item.filename)},
           {"outputFilename", optional(item.outputFilename)},
@@ -126,6 +136,38 @@ std::vector<std::string> split(const std::string& path) {
   return parts;
 }
 
+HttpResponse documentError(const DocumentError& failure) {
+  switch (failure.kind) {
+    case DocumentError::Kind::BadName: return error(400, failure.message);
+    case DocumentError::Kind::NotFound: return error(404, failure.message);
+    case DocumentError::Kind::Exists: return error(409, failure.message);
+    case DocumentError::Kind::Failed: break;
+  }
+  return error(500, failure.message);
+}
+
+// parts: "api", "documents", NAME[, "rename"]. NAME is one decoded path segment.
+HttpResponse changeDocument(const std::vector<std::string>& parts, const HttpRequest& request,
+                            const std::string& documentsDirectory) {
+  const DocumentFiles files(documentsDirectory);
+  if (parts.size() == 3) {
+    if (request.method != "DELETE") return error(405, "use DELETE");
+    if (auto failure = files.remove(parts[2])) return documentError(*failure);
+    documentsChanged();
+    return noContent();
+  }
+  if (parts.size() != 4 || parts[3] != "rename") return error(404, "no such API: " + request.path);
+  if (request.method != "POST") return error(405, "use POST");
+  const json body = json::parse(request.body, nullptr, false);
+  if (!body.is_object() || !body.contains("name") || !body["name"].is_string())
+    return error(400, "expected {\"name\": \"new name\"}");
+  const std::string newName = body["name"].get<std::string>();
+  if (auto failure = files.rename(parts[2], newName)) return documentError(*failure);
+  documentsChanged();
+  const std::string url = documentURLForPath(documentsDirectory, documentsDirectory + "/" + newName);
+  return answer(200, {{"name", newName}, {"url", url}});
+}
+
 void route(const HttpRequest& request, const std::string& documentsDirectory, std::function<void(HttpResponse)> respond) {
   const auto parts = split(request.path);  // "api", …
   const std::string& method = request.method;
@@ -133,6 +175,7 @@ void route(const HttpRequest& request, const std::string& documentsDirectory, st
     if (method != "GET") return respond(error(405, "use GET"));
     return respond(answer(200, recentItems(documentsDirectory)));
   }
+  if (parts.size() >= 3 && parts[1] == "documents") return respond(changeDocument(parts, request, documentsDirectory));
   auto service = platform::DownloadService::sharedInstance();
   const bool downloads = parts.size() >= 2 && parts[1] == "downloads";
   const bool settings = parts.size() == 2 && parts[1] == "settings";

@@ -43,7 +43,8 @@ std::string FileResolver::contentTypeForPath(const std::string& path) {
       {"txt", "text/plain; charset=utf-8"}, {"pdf", "application/pdf"},                {"png", "image/png"},
       {"jpg", "image/jpeg"},                {"jpeg", "image/jpeg"},                    {"gif", "image/gif"},
       {"webp", "image/webp"},               {"mp3", "audio/mpeg"},                     {"mp4", "video/mp4"},
-      {"mov", "video/quicktime"},           {"zip", "application/zip"},                {"md", "text/plain; charset=utf-8"}};
+      {"mov", "video/quicktime"},           {"zip", "application/zip"},                {"md", "text/plain; charset=utf-8"},
+      {"webmanifest", "application/manifest+json"}};
   std::string extension = platform::pathExtension(path);
   std::transform(extension.begin(), extension.end(), extension.begin(), [](unsigned char c) { return std::tolower(c); });
   auto found = kTypes.find(extension);

@@ -13,7 +13,11 @@
 #include "module/platform/ui/Appearance.h"
 #include "module/platform/ui/Formatting.h"
 #include "module/platform/ui/Registries.h"
+#include "module/platform/Presenters.h"
+#include "module/platform/ui/AlertDialog.h"
+#include "shelf/host/DocumentFiles.h"
 #include "shelf/host/FileResolver.h"
+#include "shelfkit/kits/ui/Button.h"
 #include "shelf/server/PercentEncoding.h"
 
 namespace fs = std::filesystem;
@@ -28,10 +32,11 @@ std::shared_ptr<HostScreenContext>& context() {
 
 std::string hostText(const char* english) { return platform::localizedString("shelf", english); }
 
-// A row with a name, a detail line and an optional "Save" link.
+// A row with a name, a detail line, "Open" and "Save" links and, for a file
+// the user may manage, "Rename" and "Delete" buttons.
 class FileCell : public platform::TableViewCell {
  public:
-  FileCell() : TableViewCell(0, "ShelfFileCell") {
+  explicit FileCell(bool manageable) : TableViewCell(0, manageable ? "ShelfDocumentCell" : "ShelfFileCell") {
     setSelectedBackgroundView(std::make_shared<platform::SelectedBackgroundView>());
     auto column = std::make_shared<platform::View>();
     name_ = std::make_shared<platform::LargeTitleLabel>();
@@ -39,8 +44,15 @@ class FileCell : public platform::TableViewCell {
     column->addFillHeightSubivews({platform::View::spacer(), name_, platform::View::spacer(), detail_, platform::View::spacer()});
     open_ = std::make_shared<platform::Link>(hostText("Open"), "", false);
     save_ = std::make_shared<platform::Link>(hostText("Save"), "", true);
-    contentView()->addFillWidthSubviews({platform::View::spacerWithSize(15), column, open_, platform::View::spacerWithSize(12),
-                                         save_, platform::View::spacerWithSize(15)});
+    std::vector<std::shared_ptr<platform::View>> views = {platform::View::spacerWithSize(15), column, open_,
+                                                          platform::View::spacerWithSize(12), save_};
+    if (manageable) {
+      rename_ = std::make_shared<shelfkit::Button>(hostText("Rename"));
+      delete_ = std::make_shared<shelfkit::Button>(hostText("Delete"));
+      views.insert(views.end(), {platform::View::spacerWithSize(12), rename_, platform::View::spacerWithSize(8), delete_});
+    }
+    views.push_back(platform::View::spacerWithSize(15));
+    contentView()->addFillWidthSubviews(views);
   }
 
   void show(const std::string& name, const std::string& detail, const std::string& url) {
@@ -52,10 +64,20 @@ class FileCell : public platform::TableViewCell {
     save_->setHidden(url.empty());
   }
 
+  // The buttons act on the file the row shows now (cells are reused).
+  void setActions(const std::string& name, std::function<void()> rename, std::function<void()> remove) {
+    if (!rename_) return;
+    rename_->setAccessibilityLabel(hostText("Rename") + " " + name);
+    delete_->setAccessibilityLabel(hostText("Delete") + " " + name);
+    rename_->setAction(std::move(rename));
+    delete_->setAction(std::move(remove));
+  }
+
  private:
   std::shared_ptr<platform::LargeTitleLabel> name_;
   std::shared_ptr<platform::SmallDetailLabel> detail_;
   std::shared_ptr<platform::Link> open_, save_;
+  std::shared_ptr<shelfkit::Button> rename_, delete_;
 };
 
 struct FileRow {
@@ -75,29 +97,52 @@ class ReloadOnPlacement : public platform::DownloadServiceObserver {
   std::function<void()> reload_;
 };
 
+class FileListController;
+
+// The file lists on screen, reloaded when the host changes the documents folder.
+std::vector<std::weak_ptr<FileListController>>& liveLists() {
+  static auto* lists = new std::vector<std::weak_ptr<FileListController>>();  // main thread only
+  return *lists;
+}
+
 // A plain list of files, kept current; tapping a row opens its file.
 class FileListController : public platform::TableScreenController {
  public:
-  FileListController() : TableScreenController({0}) {}
+  explicit FileListController(bool manageable = false) : TableScreenController({0}), manageable_(manageable) {}
 
   void viewDidLoad() override {
-    tableView().registerClass("ShelfFileCell", [](int64_t, const std::string&) { return std::make_shared<FileCell>(); });
+    const bool manageable = manageable_;
+    tableView().registerClass(cellIdentifier(),
+                              [manageable](int64_t, const std::string&) { return std::make_shared<FileCell>(manageable); });
     rows_ = readRows();
     std::weak_ptr<TableScreenController> weak = weak_from_this();
     observer_ = std::make_shared<ReloadOnPlacement>([weak] {
-      auto self = std::static_pointer_cast<FileListController>(weak.lock());
-      if (!self) return;
-      self->rows_ = self->readRows();
-      self->reloadData();
+      if (auto self = std::static_pointer_cast<FileListController>(weak.lock())) self->reload();
     });
     if (auto service = platform::DownloadService::sharedInstance()) service->addObserver(observer_);
+    auto& lists = liveLists();
+    std::erase_if(lists, [](const auto& list) { return list.expired(); });
+    lists.push_back(std::static_pointer_cast<FileListController>(shared_from_this()));
+  }
+  void reload() {
+    rows_ = readRows();
+    reloadData();
   }
   int64_t numberOfRowsInSection(int64_t) override { return static_cast<int64_t>(rows_.size()); }
   double heightForRow(int64_t, int64_t) override { return 56.0; }
   std::shared_ptr<platform::TableViewCell> createCellForRow(int64_t row, int64_t) override {
-    auto cell = std::static_pointer_cast<FileCell>(dequeueCellWithIdentifier("ShelfFileCell"));
+    auto cell = std::static_pointer_cast<FileCell>(dequeueCellWithIdentifier(cellIdentifier()));
     const auto& file = rows_.at(static_cast<size_t>(row));
     cell->show(file.name, file.detail, file.url);
+    if (manageable_) {
+      std::weak_ptr<TableScreenController> weak = weak_from_this();
+      auto act = [weak, name = file.name](void (FileListController::*action)(const std::string&)) {
+        return [weak, name, action] {
+          if (auto self = std::static_pointer_cast<FileListController>(weak.lock())) ((*self).*action)(name);
+        };
+      };
+      cell->setActions(file.name, act(&FileListController::askRename), act(&FileListController::askDelete));
+    }
     return cell;
   }
   void cellSelectedAtRow(int64_t row, int64_t section) override {
@@ -110,6 +155,38 @@ class FileListController : public platform::TableScreenController {
   virtual std::vector<FileRow> readRows() = 0;
   std::vector<FileRow> rows_;
   std::shared_ptr<ReloadOnPlacement> observer_;
+
+ private:
+  std::string cellIdentifier() const { return manageable_ ? "ShelfDocumentCell" : "ShelfFileCell"; }
+
+  void askDelete(const std::string& name) {
+    platform::AlertDialog::showConfirmDialogWithTitle(
+        hostText("Delete") + " \u201C" + name + "\u201D?", hostText("The file is removed from the Documents folder."),
+        hostText("Delete"), [name](bool confirmed) {
+          if (!confirmed || !context()) return;
+          report(DocumentFiles(context()->documentsDirectory).remove(name));
+        });
+  }
+
+  void askRename(const std::string& name) {
+    platform::AlertDialog::Request request;
+    request.kind = platform::AlertDialog::Request::Kind::Input;
+    request.title = hostText("Rename") + " \u201C" + name + "\u201D";
+    request.placeholder = name;
+    request.value = name;
+    request.okButtonTitle = hostText("Rename");
+    platform::AlertDialog::showRequest(request, [name](bool ok, const std::string& newName) {
+      if (!ok || !context()) return;
+      report(DocumentFiles(context()->documentsDirectory).rename(name, newName));
+    });
+  }
+
+  static void report(const std::optional<DocumentError>& error) {
+    if (error) platform::ProgressOverlay::showAlert(error->message);
+    documentsChanged();
+  }
+
+  const bool manageable_;
 };
 
 std::string detailOf(const fs::path& path) {
@@ -132,7 +209,7 @@ std::optional<std::string> servedDocument(const fs::path& path) {
 
 class DocumentsController : public FileListController {
  public:
-  DocumentsController() { setTitle(hostText("Documents")); }
+  DocumentsController() : FileListController(true) { setTitle(hostText("Documents")); }
 
  protected:
   std::vector<FileRow> readRows() override {
@@ -205,6 +282,36 @@ class SettingsController : public platform::TableScreenController {
 };
 
 }  // namespace
+
+std::optional<int64_t> settingsMenuIndex() {
+  int64_t index = 0;
+  for (const auto& entry : platform::SideMenuRegistry::sharedInstance()->menuItems()) {
+    if (entry->iconBundle() == kHostBundleIdentifier && entry->iconName() == "Settings") return index;
+    ++index;
+  }
+  return std::nullopt;
+}
+
+nlohmann::json finishedFiles(const std::vector<std::string>& paths, const std::string& documentsDirectory) {
+  nlohmann::json files = nlohmann::json::array();
+  for (const auto& path : paths) {
+    const fs::path relative = fs::path(path).lexically_relative(documentsDirectory);
+    if (relative.empty() || *relative.begin() == ".." || !FileResolver::documentInside(documentsDirectory, relative.string()))
+      continue;  // renamed, deleted, or never a file of the folder
+    const std::string url = documentURLForPath(documentsDirectory, path);
+    if (url.empty()) continue;
+    files.push_back({{"name", fs::path(path).filename().string()}, {"url", url}, {"save", url + "?download=1"}});
+    if (files.size() == kMaxFinishedFiles) break;
+  }
+  return files;
+}
+
+void documentsChanged() {
+  DCHECK_ON_MAIN();
+  auto lists = liveLists();  // a reload may open or close screens
+  for (const auto& weak : lists)
+    if (auto list = weak.lock()) list->reload();
+}
 
 std::string documentURLForPath(const std::string& documentsDirectory, const std::string& path) {
   std::error_code error;

@@ -4,6 +4,10 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <vector>
+
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "module/platform/ui/TableScreenController.h"
@@ -22,6 +26,18 @@ struct HostScreenContext {
 
 // REQUIRES: main thread. Adds "Documents", "Recent" and "Settings" to the side menu.
 void registerHostScreens(HostScreenContext context);
+
+// REQUIRES: main thread. The side-menu index of the host's Settings entry.
+std::optional<int64_t> settingsMenuIndex();
+
+// REQUIRES: main thread. Of `paths` (newest first), the files the documents folder
+// still sends, at most kMaxFinishedFiles:
+// [{"name", "url", "save"}] (addresses to open and to save), for the Downloads screen's "Finished" strip.
+inline constexpr size_t kMaxFinishedFiles = 3;
+nlohmann::json finishedFiles(const std::vector<std::string>& paths, const std::string& documentsDirectory);
+
+// REQUIRES: main thread. The host changed the documents folder: the file lists on screen reload.
+void documentsChanged();
 
 // The address under which the server sends a file of the documents folder,
 // or "" when `path` lies outside it.

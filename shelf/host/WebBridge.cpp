@@ -1,17 +1,33 @@
 #include "shelf/host/WebBridge.h"
 
+#include <algorithm>
+
 #include "module/platform/Localization.h"
 #include "module/platform/Log.h"
 #include "module/platform/MainQueue.h"
+#include "module/platform/UUID.h"
 #include "module/platform/ui/Bundle.h"
 #include "module/platform/ui/Registries.h"
 #include "shelfkit/kits/HeadlessPresenters.h"
+#include "shelf/host/HostScreens.h"
 #include "shelfkit/kits/ui/MessageFields.h"
 
 namespace shelf {
 namespace {
 
 std::string hostText(const char* english) { return platform::localizedString("shelf", english); }
+
+// The browser's enterkeyhint for a return key type (the kit's numbering).
+const char* enterKeyHint(int64_t returnKeyType) {
+  switch (returnKeyType) {
+    case 1: return "go";
+    case 2: case 6: case 8: return "search";
+    case 4: return "next";
+    case 7: return "send";
+    case platform::AlertDialog::kReturnKeyDone: return "done";
+    default: return "enter";
+  }
+}
 
 nlohmann::json textOrNull(const std::optional<std::string>& text) {
   return text ? nlohmann::json(*text) : nlohmann::json(nullptr);
@@ -44,6 +60,8 @@ class WebPresenters : public platform::ProgressOverlay, public platform::TipsPre
 
 }  // namespace
 
+WebBridge::WebBridge() : instance_(platform::newUUIDString()) {}
+
 std::shared_ptr<WebBridge> WebBridge::create() { return std::shared_ptr<WebBridge>(new WebBridge()); }
 
 void WebBridge::installPresenters() {
@@ -65,9 +83,11 @@ void WebBridge::opened(std::shared_ptr<WebSocketConnection> connection) {
     auto self = weak.lock();
     if (!self) return;
     std::weak_ptr<WebSocketConnection> weakConnection = connection;
-    Tab tab{connection, std::make_shared<shelfkit::ScreenSession>([weakConnection](std::string text) {
-              if (auto c = weakConnection.lock()) c->send(std::move(text));
-            })};
+    Tab tab;
+    tab.connection = connection;
+    tab.screens = std::make_shared<shelfkit::ScreenSession>([weakConnection](std::string text) {
+      if (auto c = weakConnection.lock()) c->send(std::move(text));
+    });
     auto& added = self->tabs_[connection->id()] = std::move(tab);
     self->activeTab_ = connection->id();
     self->sendHello(added);
@@ -109,14 +129,12 @@ void WebBridge::closed(uint64_t id) {
   platform::dispatchAsyncMain([weak, id] {
     auto self = weak.lock();
     if (!self || !self->tabs_.erase(id)) return;
-    // The tab's dialogs are declined; with no tab left, what waits is dismissed.
-    std::vector<uint64_t> orphaned;
-    for (const auto& [dialogId, dialog] : self->dialogs_)
-      if (dialog.tab == id) orphaned.push_back(dialogId);
-    for (uint64_t dialogId : orphaned) {
-      auto answered = std::move(self->dialogs_[dialogId].answered);
-      self->dialogs_.erase(dialogId);
-      answered(false, {});
+    // The tab's dialogs wait a while for the tab to come back; with no tab left, what waits is dismissed.
+    for (const auto& [dialogId, dialog] : self->dialogs_) {
+      if (dialog.tab != id) continue;
+      platform::dispatchAfterMain(self->orphanedDialogGrace_, [weak, dialogId = dialogId] {
+        if (auto bridge = weak.lock()) bridge->declineOrphanedDialog(dialogId);
+      });
     }
     if (!self->tabs_.empty()) return;
     while (!self->alerts_.empty()) self->finishAlert(self->alerts_.begin()->first);
@@ -183,9 +201,22 @@ void WebBridge::sendHello(Tab& tab) {
                     {"accessibilityLabel", entry->accessibilityLabel()}});
   }
   nlohmann::json strings = nlohmann::json::object();
-  for (const char* text : {"OK", "Cancel", "Back", "Menu"}) strings[text] = hostText(text);
+  for (const char* text : {"OK", "Cancel", "Back", "Menu", "Decrease", "Increase", "Finished", "Open", "Save"})
+    strings[text] = hostText(text);
+  strings["Notify"] = hostText("Notify me when a download finishes");
+  for (const char* text : {"Add URLs", "Add", "Close", "Added"}) strings[text] = hostText(text);
+  strings["AddURLs"] = hostText("Add URLs");
+  strings["AddURLsHelp"] = hostText("One address per line. Links pasted or dropped on the page land here too.");
   strings["Reconnecting"] = hostText("Reconnecting…");
-  tab.screens->sendMessage({{"t", "hello"}, {"title", "Shelf"}, {"menu", menu}, {"strings", strings}});
+  strings["Undelivered"] = hostText("Your answer could not be delivered: the connection to the host was lost.");
+  std::string language = platform::translationLanguage("shelf");
+  std::replace(language.begin(), language.end(), '_', '-');
+  tab.screens->sendMessage({{"t", "hello"},
+                            {"title", "Shelf"},
+                            {"lang", language},
+                            {"instance", instance_},
+                            {"menu", menu},
+                            {"strings", strings}});
   // What the other tabs show, this one shows too.
   if (overlayMessage_)
     tab.screens->sendMessage({{"t", "overlay"}, {"message", *overlayMessage_}, {"cancel", hostText("Cancel")}});
@@ -196,8 +227,38 @@ void WebBridge::sendHello(Tab& tab) {
 void WebBridge::openMenuEntry(Tab& tab, int64_t index) {
   auto entries = platform::SideMenuRegistry::sharedInstance()->menuItems();
   if (index < 0 || index >= static_cast<int64_t>(entries.size())) return;
-  const auto& controllerClass = entries[static_cast<size_t>(index)]->controllerClass();
-  if (controllerClass.create) tab.screens->setRoot(controllerClass.create());
+  const auto& entry = entries[static_cast<size_t>(index)];
+  if (!entry->controllerClass().create) return;
+  auto controller = entry->controllerClass().create();
+  // The host's own entries list files and settings; a module's entry shows its queue.
+  tab.queueScreen.reset();
+  if (entry->iconBundle() != kHostBundleIdentifier) tab.queueScreen = controller;
+  tab.screens->setRoot(std::move(controller));
+  publishActivity();
+}
+
+void WebBridge::startActivityUpdates(std::function<nlohmann::json()> source) {
+  DCHECK_ON_MAIN();
+  activitySource_ = std::move(source);
+  std::weak_ptr<WebBridge> weak = weak_from_this();
+  activityTimer_ = platform::scheduledTimer(kActivityInterval, [weak] {
+    if (auto self = weak.lock()) self->publishActivity();
+  });
+}
+
+void WebBridge::publishActivity() {
+  DCHECK_ON_MAIN();
+  if (!activitySource_) return;
+  std::optional<nlohmann::json> activity;  // made once, when a tab wants it
+  for (auto& [id, tab] : tabs_) {
+    auto queue = tab.queueScreen.lock();
+    if (!queue || tab.screens->current() != queue) continue;
+    if (!activity) activity = activitySource_();
+    if (tab.activityScreen == tab.screens->screenId() && tab.lastActivity == *activity) continue;
+    tab.activityScreen = tab.screens->screenId();
+    tab.lastActivity = *activity;
+    tab.screens->sendMessage(*activity);
+  }
 }
 
 void WebBridge::handle(uint64_t tabId, Tab& tab, const nlohmann::json& message) {
@@ -209,7 +270,10 @@ void WebBridge::handle(uint64_t tabId, Tab& tab, const nlohmann::json& message) 
   } else if (*type == "dialog") {
     auto found = dialogs_.find(id);
     const auto ok = shelfkit::boolField(message, "ok");
-    if (found == dialogs_.end() || found->second.tab != tabId || !ok) return;
+    if (!ok) return;
+    if (found == dialogs_.end()) return tab.screens->sendMessage({{"t", "dialogExpired"}, {"id", id}});
+    // Only its own tab answers a dialog, or any tab once its own is gone.
+    if (found->second.tab != tabId && tabs_.count(found->second.tab)) return;
     auto answered = std::move(found->second.answered);
     dialogs_.erase(found);
     answered(*ok, shelfkit::stringField(message, "text").value_or(""));
@@ -282,6 +346,14 @@ void WebBridge::finishTip(uint64_t id) {
   if (completion) completion();
 }
 
+void WebBridge::declineOrphanedDialog(uint64_t id) {
+  auto found = dialogs_.find(id);
+  if (found == dialogs_.end() || tabs_.count(found->second.tab)) return;
+  auto answered = std::move(found->second.answered);
+  dialogs_.erase(found);
+  answered(false, {});
+}
+
 void WebBridge::presentDialog(const platform::AlertDialog::Request& request,
                               std::function<void(bool, const std::string&)> answered) {
   DCHECK_ON_MAIN();
@@ -299,7 +371,9 @@ void WebBridge::presentDialog(const platform::AlertDialog::Request& request,
                                     {"placeholder", textOrNull(request.placeholder)},
                                     {"ok", request.okButtonTitle},
                                     {"cancel", hostText("Cancel")},
-                                    {"secure", request.secure}});
+                                    {"secure", request.secure},
+                                    {"value", textOrNull(request.value)},
+                                    {"enterKeyHint", enterKeyHint(request.returnKeyType)}});
 }
 
 }  // namespace shelf

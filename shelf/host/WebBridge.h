@@ -10,8 +10,15 @@
 // so a flood of screen requests costs one screen. A tab whose inbox would pass
 // kInboxMessages or kInboxBytes is closed (1008). A message that is not a JSON
 // object, or whose fields have other types than expected, is ignored.
+//
+// A dialog goes to the tab the user acts in and only that tab answers it. When
+// that tab goes away, the dialog waits kOrphanedDialogGrace for an answer from
+// any tab (the same browser tab reconnecting), then is declined. An answer to a
+// dialog the bridge does not know is refused visibly: the tab gets
+// {"t":"dialogExpired","id":D}.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -23,6 +30,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "module/platform/MainQueue.h"
 #include "module/platform/Presenters.h"
 #include "module/platform/ui/AlertDialog.h"
 #include "shelf/server/WebServer.h"
@@ -35,7 +43,14 @@ class WebBridge : public std::enable_shared_from_this<WebBridge> {
   static constexpr size_t kInboxMessages = 1024;
   static constexpr size_t kInboxBytes = 1 << 20;
 
+  // A dialog whose tab goes away waits this long for its answer from a tab that
+  // comes back (a connection lost for a moment), then counts as declined.
+  static constexpr std::chrono::milliseconds kOrphanedDialogGrace{60'000};
+
   static std::shared_ptr<WebBridge> create();
+  // This process's bridge: sent in hello, so a tab can tell a restarted host from a reconnection.
+  const std::string& instance() const { return instance_; }
+  void setOrphanedDialogGrace(std::chrono::milliseconds grace) { orphanedDialogGrace_ = grace; }
   // Installs the bridge's presenters behind ProgressOverlay, TipsPresenter and AlertDialog.
   void installPresenters();
 
@@ -57,10 +72,20 @@ class WebBridge : public std::enable_shared_from_this<WebBridge> {
   void presentTip(const std::string& tip, std::function<void()> completionBlock);
   void presentDialog(const platform::AlertDialog::Request& request, std::function<void(bool, const std::string&)> answered);
 
+  // Every kActivityInterval, a tab showing the queue (the screen of a module's
+  // side-menu entry) gets `source()`'s "activity" message when it differs from
+  // the last it got on that screen.
+  static constexpr std::chrono::milliseconds kActivityInterval{1000};
+  void startActivityUpdates(std::function<nlohmann::json()> source);
+  void publishActivity();
+
  private:
   struct Tab {
     std::shared_ptr<WebSocketConnection> connection;
     std::shared_ptr<shelfkit::ScreenSession> screens;
+    std::weak_ptr<platform::TableScreenController> queueScreen;  // the module's screen it opened last
+    uint64_t activityScreen = 0;                                 // the screen the last activity went to
+    nlohmann::json lastActivity;
   };
   struct Dialog {
     uint64_t tab;
@@ -73,7 +98,8 @@ class WebBridge : public std::enable_shared_from_this<WebBridge> {
     size_t bytes = 0;
     bool overflowed = false;
   };
-  WebBridge() = default;
+  WebBridge();
+  void declineOrphanedDialog(uint64_t id);
   void drain(uint64_t id);
   void handle(uint64_t tabId, Tab& tab, const nlohmann::json& message);
   void sendHello(Tab& tab);
@@ -91,6 +117,10 @@ class WebBridge : public std::enable_shared_from_this<WebBridge> {
   std::map<uint64_t, std::pair<std::string, std::function<void()>>> alerts_;
   std::map<uint64_t, std::pair<std::string, std::function<void()>>> tips_;
   std::map<uint64_t, Dialog> dialogs_;
+  const std::string instance_;
+  std::chrono::milliseconds orphanedDialogGrace_ = kOrphanedDialogGrace;
+  std::function<nlohmann::json()> activitySource_;
+  std::unique_ptr<platform::RepeatingTimer> activityTimer_;
 
   std::mutex inboxMutex_;
   std::map<uint64_t, Inbox> inboxes_;  // guarded by inboxMutex_

@@ -10,6 +10,7 @@
 //   #alert .alert-text .alert-ok
 //   #tip .tip-text .tip-dismiss
 //   #banner                             shown while reconnecting
+//   #summary, #paused, #finished        the queue's summary, the paused banner, the finished files (activity message)
 //   .v[data-vid]                        every view; labels carry data-style
 // window.__shelf: cellsMaterialized (distinct cell ids received), rowsInDom(),
 // firstScreenAt (performance.now() at the first painted screen with rows).
@@ -18,9 +19,17 @@ import { Views } from './views.js';
 import { Table } from './table.js';
 import { Bars } from './bars.js';
 import { Dialogs } from './dialogs.js';
+import { Activity } from './activity.js';
+import { Intake } from './intake.js';
 
 const MENU_KEY = 'shelf.menu';
-const strings = { OK: 'OK', Cancel: 'Cancel', Back: 'Back', Menu: 'Menu', Reconnecting: 'Reconnecting\u2026' };
+const strings = {
+  OK: 'OK', Cancel: 'Cancel', Back: 'Back', Menu: 'Menu', Reconnecting: 'Reconnecting\u2026',
+  Decrease: 'Decrease', Increase: 'Increase',
+  Undelivered: 'Your answer could not be delivered: the connection to the host was lost.',
+  Finished: 'Finished', Open: 'Open', Save: 'Save', Notify: 'Notify me when a download finishes',
+  AddURLs: 'Add URLs', AddURLsHelp: 'One address per line.', Add: 'Add', Close: 'Close', Added: 'Added',
+};
 
 let screenId = null;
 
@@ -28,10 +37,14 @@ const url = `${location.protocol === 'https:' ? 'wss' : 'ws'}://${location.host}
 const socket = new Socket(url, receive, connected);
 const send = (msg) => socket.send(msg);
 
-const views = new Views(send);
+const views = new Views(send, strings);
 const table = new Table(document.getElementById('table'), views, send);
 const bars = new Bars(send, openMenu);
 const dialogs = new Dialogs(send, strings);
+const activity = new Activity(table, openMenu, strings);
+const intake = new Intake(strings);
+let sharedTaken = false;
+navigator.serviceWorker?.register('sw.js').catch(() => {});  // only where the page counts as secure
 
 window.__shelf = {
   get cellsMaterialized() { return table.seen.size; },
@@ -39,10 +52,14 @@ window.__shelf = {
   firstScreenAt: null,
 };
 
+// While the connection is lost the page is dimmed and its controls do nothing
+// (a tap would be lost); an open dialog stays usable and keeps its answer.
 function connected(up) {
   const banner = document.getElementById('banner');
   banner.textContent = strings.Reconnecting;
   banner.hidden = up;
+  document.body.classList.toggle('offline', !up);
+  for (const id of ['menu', 'table', 'toolbar', 'paused', 'topbar']) document.getElementById(id).inert = !up;
 }
 
 function openMenu(index) {
@@ -53,19 +70,26 @@ function openMenu(index) {
 
 function hello(m) {
   Object.assign(strings, m.strings);
+  intake.setStrings();
+  if (typeof m.lang === 'string' && /^[A-Za-z]{2,3}(-[A-Za-z0-9]+)*$/.test(m.lang)) document.documentElement.lang = m.lang;
   bars.setStrings(strings);
   document.title = m.title ?? 'Shelf';
-  dialogs.reset();
+  dialogs.connected(typeof m.instance === 'string' ? m.instance : '');
   const menu = m.menu ?? [];
   bars.setMenu(menu, m.title ?? '');
   const remembered = sessionStorage.getItem(MENU_KEY);
   const entry = menu.find((e) => String(e.index) === remembered) ?? menu[0];
   if (entry) openMenu(entry.index);
+  if (!sharedTaken) { sharedTaken = true; intake.takeShared(); }
 }
 
 function showScreen(s) {
   const same = s.id === screenId;
   screenId = s.id;
+  if (!same) {
+    activity.clear();
+    document.getElementById('add-urls-button').hidden = true;
+  }
   views.clear();
   bars.setTitle(s.title);
   bars.setBack(!!s.back);
@@ -89,12 +113,23 @@ function patch(m) {
   table.refresh();
 }
 
+// Keys that act through the toolbar (Delete, Control+A, Escape), unless a
+// dialog or a text field has them.
+document.addEventListener('keydown', (e) => {
+  if (e.defaultPrevented || document.querySelector('dialog[open]') || e.target.closest?.('input, textarea')) return;
+  if (bars.shortcut(e)) e.preventDefault();
+});
+
 function receive(m) {
   switch (m.t) {
     case 'hello': hello(m); break;
     case 'menu': bars.setMenu(m.menu ?? []); break;
     case 'screen': showScreen(m.screen); break;
     case 'patch': patch(m); break;
+    case 'activity':
+      activity.show(m);
+      document.getElementById('add-urls-button').hidden = false;  // only the queue's screen gets activity
+      break;
     default: dialogs.handle(m);
   }
 }

@@ -40,7 +40,10 @@ export class Bars {
       b.type = 'button';
       b.className = 'menu-item';
       b.dataset.index = item.index;
-      b.setAttribute('aria-label', item.accessibilityLabel ?? item.title ?? '');
+      // The visible title is the name; a label of the module's that does not contain it is left out.
+      const label = item.accessibilityLabel ?? '';
+      if (!item.title) b.setAttribute('aria-label', label);
+      else if (label && label !== item.title && label.includes(item.title)) b.setAttribute('aria-label', label);
       const icon = b.appendChild(document.createElement('span'));
       icon.className = 'menu-icon';
       setMask(icon, item.icon, 'blue');
@@ -99,7 +102,12 @@ export class Bars {
 
   applyTool({ el, icon, label, props: p }) {
     el.disabled = p.enabled === false;
-    el.setAttribute('aria-label', p.accessibilityLabel || p.title || '');
+    const name = p.accessibilityLabel || p.title || '';
+    el.setAttribute('aria-label', name);
+    // An icon alone needs its name as a tooltip too.
+    if (p.title) el.removeAttribute('title'); else el.title = name;
+    if (typeof p.shortcut === 'string') el.setAttribute('aria-keyshortcuts', p.shortcut);
+    else el.removeAttribute('aria-keyshortcuts');
     label.textContent = p.title ?? '';
     label.hidden = !p.title;
     icon.hidden = !p.image;
@@ -107,6 +115,20 @@ export class Bars {
     icon.style.width = `${p.width ?? 22}px`;
     icon.style.height = `${p.height ?? 22}px`;
     label.style.color = icon.style.backgroundColor;
+  }
+
+  // Presses the toolbar button whose shortcut the key event gives ("Delete",
+  // "Control+a", "Escape"), so the toolbar's enabling still decides. Returns
+  // true when a button took the key.
+  shortcut(e) {
+    const key = e.key.length === 1 ? e.key.toLowerCase() : e.key;
+    const combo = `${e.ctrlKey || e.metaKey ? 'Control+' : ''}${e.altKey ? 'Alt+' : ''}${key}`;
+    for (const { el, props } of this.tools.values()) {
+      if (props.shortcut !== combo || this.toolbar.hidden) continue;
+      if (!el.disabled) el.click();
+      return true;
+    }
+    return false;
   }
 
   // Returns false when no toolbar item has this id.

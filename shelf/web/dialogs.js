@@ -47,11 +47,19 @@ export class Dialogs {
 
     const dialog = $('dialog'), input = dialog.querySelector('.dialog-input');
     this.dialogs = new Queue((m) => this.showDialog(m), () => closeModal(dialog));
+    this.instance = null;    // the host process the dialogs came from
+    this.unsent = [];        // answers given while the connection was lost
+    this.sent = new Map();   // dialog id → the answer sent, until the host has taken it
+    this.localAlerts = 0;
     const answer = (ok) => {
       const m = this.dialogs.current;
       if (!m) return;
-      this.send({ t: 'dialog', id: m.id, ok, text: m.kind === 'input' ? input.value : '' });
+      const reply = { t: 'dialog', id: m.id, ok, text: m.kind === 'input' ? input.value : '' };
       this.dialogs.done();
+      // Declining needs no delivery: the host declines what it does not hear about.
+      if (!ok) { this.send(reply); return; }
+      if (this.send(reply)) this.remember(reply);
+      else this.unsent.push(reply);
     };
     dialog.querySelector('form').addEventListener('submit', (e) => { e.preventDefault(); answer(true); });
     dialog.querySelector('.dialog-cancel').addEventListener('click', () => answer(false));
@@ -66,7 +74,7 @@ export class Dialogs {
     const dismissAlert = () => {
       const m = this.alerts.current;
       if (!m) return;
-      this.send({ t: 'alertDismiss', id: m.id });
+      if (!m.local) this.send({ t: 'alertDismiss', id: m.id });
       this.alerts.done();
     };
     alert.querySelector('.alert-ok').addEventListener('click', dismissAlert);
@@ -97,17 +105,62 @@ export class Dialogs {
     text.textContent = m.text ?? '';
     text.hidden = !m.text;
     input.hidden = m.kind !== 'input';
+    // The dialog and its field are named by the title, or else by the text.
+    const name = m.title ? 'dialog-title' : m.text ? 'dialog-text' : null;
+    for (const el of [dialog, input]) {
+      if (name) el.setAttribute('aria-labelledby', name); else el.removeAttribute('aria-labelledby');
+    }
+    if (name) input.removeAttribute('aria-label'); else input.setAttribute('aria-label', m.placeholder || m.ok || '');
     input.type = m.secure ? 'password' : 'text';
     input.placeholder = m.placeholder ?? '';
-    input.value = '';
+    input.value = typeof m.value === 'string' ? m.value : '';
+    input.enterKeyHint = typeof m.enterKeyHint === 'string' ? m.enterKeyHint : 'enter';
     dialog.querySelector('.dialog-ok').textContent = m.ok ?? this.strings.OK;
     dialog.querySelector('.dialog-cancel').textContent = m.cancel ?? this.strings.Cancel;
     dialog.showModal();
     (m.kind === 'input' ? input : dialog.querySelector('.dialog-ok')).focus();
+    // A name given to change: the part before its extension is selected, ready to be typed over.
+    const stem = input.value.lastIndexOf('.');
+    if (m.kind === 'input' && input.value) input.setSelectionRange(0, stem > 0 ? stem : input.value.length);
+  }
+
+  // An answer sent is kept a little, so a refusal can still show what it said.
+  remember(reply) {
+    this.sent.set(reply.id, reply);
+    if (this.sent.size > 20) this.sent.delete(this.sent.keys().next().value);
+  }
+
+  // A notice of the page's own (not the host's), with the text an answer held.
+  undelivered(reply) {
+    const text = reply?.text ? `${this.strings.Undelivered} \u201C${reply.text}\u201D` : this.strings.Undelivered;
+    this.alerts.push({ id: `local-${++this.localAlerts}`, text, local: true });
+  }
+
+  // The connection is back (hello). The same host still waits for the answers
+  // given meanwhile; a restarted one has forgotten its dialogs, so they are
+  // refused visibly rather than dropped.
+  connected(instance) {
+    const restarted = this.instance !== null && instance !== this.instance;
+    this.instance = instance;
+    const unsent = this.unsent;
+    this.unsent = [];
+    this.alerts.reset();
+    this.tips.reset();
+    this.overlay({ message: null });
+    if (!restarted) {
+      for (const reply of unsent) if (this.send(reply)) this.remember(reply);
+      return;
+    }
+    const open = this.dialogs.current;
+    this.dialogs.reset();
+    this.sent.clear();
+    for (const reply of unsent) this.undelivered(reply);
+    if (open) this.undelivered(null);
   }
 
   handle(m) {
     switch (m.t) {
+      case 'dialogExpired': this.undelivered(this.sent.get(m.id)); this.sent.delete(m.id); break;
       case 'dialog': this.dialogs.push(m); break;
       case 'dialogClose': this.dialogs.close(m.id); break;
       case 'alert': this.alerts.push(m); break;
@@ -140,11 +193,5 @@ export class Dialogs {
     a.remove();
   }
 
-  // A new connection starts from a clean slate; the server sends what is still open.
-  reset() {
-    this.dialogs.reset();
-    this.alerts.reset();
-    this.tips.reset();
-    this.overlay({ message: null });
-  }
+
 }

@@ -44,7 +44,10 @@ export class Socket {
     };
   }
 
+  // Returns false when the socket is not open (the message is not sent).
   send(msg) {
-    if (this.ws?.readyState === WebSocket.OPEN) this.ws.send(JSON.stringify(msg));
+    if (this.ws?.readyState !== WebSocket.OPEN) return false;
+    this.ws.send(JSON.stringify(msg));
+    return true;
   }
 }

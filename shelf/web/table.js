@@ -52,6 +52,7 @@ export class Table {
     this.sections = [];
     this.byIndex = new Map();
     this.byId = new Map();       // view id → cell record
+    this.notes = new Map();      // row of section 0 → what the host says about it
     this.selection = new Set();  // "section:row"
     this.selectable = 'none';
     this.sent = new Map();       // section → last viewport sent
@@ -62,11 +63,39 @@ export class Table {
     new ResizeObserver(() => this.schedule()).observe(scroller);
     scroller.addEventListener('click', (e) => this.tap(e));
     scroller.addEventListener('keydown', (e) => {
-      if ((e.key === 'Enter' || e.key === ' ') && e.target.classList.contains('row')) {
+      if (!e.target.classList?.contains('row')) return;
+      if (e.key === 'Enter' || e.key === ' ') {
         e.preventDefault();
         this.tap(e);
+      } else if (e.key === 'ArrowDown' || e.key === 'ArrowUp') {
+        e.preventDefault();
+        this.moveFocus(e.target, e.key === 'ArrowDown' ? 1 : -1);
       }
     });
+  }
+
+  setRoles() {
+    const options = this.selectable !== 'none' && !this.rich;
+    this.content.setAttribute('role', options ? 'listbox' : 'list');
+    this.content.toggleAttribute('aria-multiselectable', options && this.selectable === 'multiple');
+  }
+
+  // Focuses the row `step` rows from `el`'s, scrolling it into view (and so into the DOM).
+  moveFocus(el, step) {
+    const sec = this.byIndex.get(Number(el.dataset.section));
+    const r = Number(el.dataset.row) + step;
+    if (!sec || !(r >= 0 && r < sec.count)) return;
+    const top = sec.offset + sec.prefix[r], bottom = top + sec.heights[r];
+    const view = this.scroller;
+    if (top < view.scrollTop) view.scrollTop = top;
+    else if (bottom > view.scrollTop + view.clientHeight) view.scrollTop = bottom - view.clientHeight;
+    this.refresh();
+    sec.rendered.get(r)?.focus();
+  }
+
+  setNotes(notes) {
+    this.notes = notes;
+    this.placeAll();
   }
 
   schedule() {
@@ -80,8 +109,11 @@ export class Table {
     this.sections = data.map((d) => new Section(d.section, decode(d.heights)));
     this.byIndex = new Map(this.sections.map((s) => [s.index, s]));
     this.selectable = screen.selectable ?? 'none';
-    this.content.setAttribute('role', this.selectable === 'none' ? 'list' : 'listbox');
-    this.content.toggleAttribute('aria-multiselectable', this.selectable === 'multiple');
+    this.content.setAttribute('aria-labelledby', 'title');
+    // Rows whose cells hold links or buttons cannot be options (an option's content is not
+    // interactive): such a screen is a list whose rows can still be tapped.
+    this.rich = false;
+    this.setRoles();
     this.scroller.classList.toggle('selectable', this.selectable !== 'none');
     for (const d of data) this.setCells(d.section, d.cells ?? []);
     this.setSelection(screen.selection ?? []);
@@ -145,12 +177,8 @@ export class Table {
       const el = document.createElement('div');
       el.className = 'row';
       el.dataset.section = sec.index;
-      if (this.selectable !== 'none') {
-        el.tabIndex = 0;
-        el.setAttribute('role', 'option');
-      } else {
-        el.setAttribute('role', 'listitem');
-      }
+      if (this.selectable !== 'none') el.tabIndex = 0;
+      el.setAttribute('role', this.selectable !== 'none' && !this.rich ? 'option' : 'listitem');
       if (sec.entering.has(r)) {
         el.classList.add('row-enter');
         el.addEventListener('animationend', () => el.classList.remove('row-enter'), { once: true });
@@ -170,7 +198,15 @@ export class Table {
     el.style.height = `${sec.heights[r]}px`;
     const selected = this.selection.has(key(sec.index, r));
     el.classList.toggle('selected', selected);
-    if (this.selectable !== 'none') el.setAttribute('aria-selected', String(selected));
+    if (this.selectable !== 'none' && !this.rich) el.setAttribute('aria-selected', String(selected));
+    const note = sec.index === 0 ? this.notes.get(r) : undefined;
+    if (note) {
+      el.title = note;
+      el.setAttribute('aria-description', note);
+    } else {
+      el.removeAttribute('title');
+      el.removeAttribute('aria-description');
+    }
   }
 
   placeAll() {
@@ -187,6 +223,14 @@ export class Table {
       this.forget(this.byId.get(view.id), true);  // a reused cell leaves its old row
       this.forget(sec.cells.get(row), true);
       const rec = { id: view.id, el: this.views.build(view), sec, row };
+      this.views.nameControls(rec.el);
+      if (!this.rich && rec.el.querySelector('a, button')) {
+        this.rich = true;
+        this.setRoles();
+        for (const s of this.sections) {
+          for (const r of s.rendered.values()) { r.setAttribute('role', 'listitem'); r.removeAttribute('aria-selected'); }
+        }
+      }
       this.seen.add(view.id);
       sec.cells.set(row, rec);
       this.byId.set(view.id, rec);

@@ -25,27 +25,58 @@ export function setMask(el, image, color) {
   el.style.backgroundColor = tint(color) || 'currentColor';
 }
 
-const LEAVES = new Set(['label', 'link', 'progress', 'switch', 'stepper']);
+// Shows `text` in `el`, cut in the middle when it does not fit ("A long na…me.pdf"):
+// the end, with a short extension, stays. Assistive technology reads the whole text.
+function fitMiddle(el, text) {
+  const fits = () => el.scrollWidth <= el.clientWidth + 1;
+  el.textContent = text;
+  if (!text || fits()) return;
+  const chars = Array.from(text);
+  const dot = text.lastIndexOf('.');
+  const extension = dot > 0 && text.length - dot <= 12 ? Array.from(text.slice(dot)).length : 0;
+  const tail = chars.slice(chars.length - Math.min(chars.length - 1, extension + 3)).join('');
+  const show = (n) => { el.textContent = `${chars.slice(0, n).join('')}\u2026${tail}`; };
+  let lo = 0, hi = chars.length - Array.from(tail).length;
+  while (lo < hi) {
+    const mid = (lo + hi + 1) >> 1;
+    show(mid);
+    if (fits()) lo = mid; else hi = mid - 1;
+  }
+  const whole = document.createElement('span');
+  whole.className = 'sr-only';
+  whole.textContent = text;
+  const shown = document.createElement('span');
+  shown.setAttribute('aria-hidden', 'true');
+  shown.textContent = `${chars.slice(0, lo).join('')}\u2026${tail}`;
+  el.replaceChildren(whole, shown);
+}
+
+const LEAVES = new Set(['label', 'link', 'button', 'progress', 'switch', 'stepper']);
 const EDGES = ['left', 'right', 'top', 'bottom', 'width', 'height'];
 const num = (v, fallback) => (typeof v === 'number' && Number.isFinite(v) ? v : fallback);
 
 export class Views {
-  constructor(send) {
+  constructor(send, strings) {
     this.send = send;
+    this.strings = strings;
     this.entries = new Map();   // view id → {el, kind, props, parts}
     this.sized = new Set();     // ids of views with sameHeightAs
+    this.fitted = new Set();    // ids of labels cut in the middle when too long
     this.frame = 0;
   }
 
   clear() {
     this.entries.clear();
     this.sized.clear();
+    this.fitted.clear();
   }
 
   build(node) {
     const kind = node.kind;
-    const el = document.createElement(kind === 'link' ? 'a' : kind === 'switch' ? 'button' : 'div');
+    const tag = { link: 'a', switch: 'button', button: 'button' }[kind] ?? 'div';
+    const el = document.createElement(tag);
     el.classList.add('v', `v-${kind}`);
+    el.id = `v${node.id}`;
     if (kind === 'cell') el.classList.add('cell');
     el.dataset.vid = node.id;
     const entry = { el, kind, props: { ...node.props }, parts: {} };
@@ -66,6 +97,7 @@ export class Views {
       if (this.entries.get(id)?.el === n) {
         this.entries.delete(id);
         this.sized.delete(id);
+        this.fitted.delete(id);
       }
     }
   }
@@ -99,13 +131,17 @@ export class Views {
         this.patch(id, { on });
         this.send({ t: 'switch', id, on });
       });
+    } else if (kind === 'button') {
+      el.type = 'button';
+      el.addEventListener('click', () => this.send({ t: 'tap', id }));
     } else if (kind === 'stepper') {
       el.setAttribute('role', 'group');
-      for (const [name, sign, text] of [['minus', -1, '\u2212'], ['plus', 1, '+']]) {
+      for (const [name, sign, text, label] of [['minus', -1, '\u2212', 'Decrease'], ['plus', 1, '+', 'Increase']]) {
         const b = parts[name] = el.appendChild(document.createElement('button'));
         b.type = 'button';
         b.className = `stepper-${name}`;
         b.textContent = text;
+        b.setAttribute('aria-label', this.strings?.[label] ?? label);
         b.addEventListener('click', () => this.step(id, entry, sign));
       }
     }
@@ -138,6 +174,8 @@ export class Views {
         el.textContent = p.text ?? '';
         el.title = p.text ?? '';
         el.dataset.style = p.style ?? 'body';
+        // Titles are names of files: cut in the middle, so the extension stays.
+        if (p.style === 'largeTitle') { this.fitted.add(id); delete this.entries.get(id)?.fit; } else this.fitted.delete(id);
         s.textAlign = p.align ?? '';
         break;
       case 'progress': {
@@ -168,6 +206,11 @@ export class Views {
         else { el.target = '_blank'; el.rel = 'noopener'; }
         break;
       }
+      case 'button':
+        el.textContent = p.text ?? '';
+        if (p.accessibilityLabel) el.setAttribute('aria-label', p.accessibilityLabel);
+        else el.removeAttribute('aria-label');
+        break;
       case 'cell':
         el.classList.toggle('sel-bg', !!p.selectedBackground);
         break;
@@ -175,9 +218,18 @@ export class Views {
     this.scheduleFlush();
   }
 
+  // A switch, stepper or progress bar is named by the first label of its cell, which says what it is about.
+  nameControls(cellEl) {
+    const label = cellEl.querySelector('.v-label');
+    if (!label) return;
+    for (const control of cellEl.querySelectorAll('.v-switch, .v-stepper, .v-progress')) {
+      if (!control.hasAttribute('aria-label')) control.setAttribute('aria-labelledby', label.id);
+    }
+  }
+
   // sameHeightAs: copy rendered heights once layout has settled.
   scheduleFlush() {
-    if (this.frame || this.sized.size === 0) return;
+    if (this.frame || (this.sized.size === 0 && this.fitted.size === 0)) return;
     this.frame = requestAnimationFrame(() => {
       this.frame = 0;
       const writes = [];
@@ -189,6 +241,14 @@ export class Views {
         }
       }
       for (const [el, h] of writes) el.style.height = `${h}px`;
+      for (const id of this.fitted) {
+        const e = this.entries.get(id);
+        if (!e?.el.isConnected) continue;
+        const text = e.props.text ?? '', width = e.el.clientWidth;
+        if (e.fit?.text === text && e.fit.width === width) continue;
+        e.fit = { text, width };
+        fitMiddle(e.el, text);
+      }
     });
   }
 }

@@ -1,6 +1,7 @@
 #include "module/platform/RecentItems.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -47,9 +48,40 @@ void RecentItemsSourceBase::addItemWithFilename(const std::string& path, const s
   std::erase_if(items, [&](const RecentItem& item) { return item.uniqueId == uniqueId || item.path == path; });
   items.insert(items.begin(), {path, uniqueId});
   if (items.size() > kMaxItems) items.resize(kMaxItems);
+  store(items);
+}
+
+void RecentItemsSourceBase::store(const std::vector<RecentItem>& items) const {
   nlohmann::json json = nlohmann::json::array();
   for (const auto& item : items) json.push_back({{"path", item.path}, {"uniqueId", item.uniqueId}});
   shelfkit::writeFileAtomically(storagePath(), json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+void RecentItemsSourceBase::fileMoved(const std::string& from, const std::optional<std::string>& to) {
+  std::lock_guard lock(mutex_);
+  // Paths are compared resolved: the host and a module may name the folder differently.
+  auto resolved = [](const std::string& path) {
+    std::error_code error;
+    auto canonical = std::filesystem::weakly_canonical(path, error);
+    return error ? std::filesystem::path(path).lexically_normal() : canonical;
+  };
+  const auto moved = resolved(from);
+  std::vector<RecentItem> items = load();
+  bool changed = false;
+  for (auto it = items.begin(); it != items.end();) {
+    if (resolved(it->path) != moved) {
+      ++it;
+      continue;
+    }
+    changed = true;
+    if (!to) {
+      it = items.erase(it);
+      continue;
+    }
+    it->path = *to;
+    ++it;
+  }
+  if (changed) store(items);
 }
 
 std::vector<RecentItem> RecentItemsSourceBase::items() const {
@@ -68,6 +100,10 @@ std::shared_ptr<RecentItemsRegistry> RecentItemsRegistry::sharedInstance() {
 void RecentItemsRegistry::addRecentItemsSource(std::shared_ptr<RecentItemsSourceBase> source) {
   std::lock_guard lock(mutex_);
   sources_.push_back(std::move(source));
+}
+
+void RecentItemsRegistry::fileMoved(const std::string& from, const std::optional<std::string>& to) {
+  for (const auto& source : sources()) source->fileMoved(from, to);
 }
 
 std::vector<std::shared_ptr<RecentItemsSourceBase>> RecentItemsRegistry::sources() const {

@@ -2,6 +2,7 @@
 
 #include <libintl.h>
 
+#include <cctype>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +28,19 @@ void setPreferredLanguage(const std::string& language) {
       std::setlocale(LC_MESSAGES, "C.UTF-8");
   }
   ++_nl_msg_cat_cntr;
+}
+
+std::string translationLanguage(const char* domain) {
+  // gettext answers the empty message id with the catalogue's header.
+  const std::string header = dgettext(domain, "");
+  const auto at = header.find("Language: ");
+  if (at == std::string::npos) return "en";
+  const auto start = at + 10;
+  const auto end = header.find_first_of("\r\n", start);
+  std::string language = header.substr(start, end == std::string::npos ? std::string::npos : end - start);
+  for (char c : language)
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_') return "en";
+  return language.empty() ? "en" : language;
 }
 
 std::string localizedString(const char* domain, const char* english) {

@@ -1,229 +1,16 @@
 // The front end against a real `shelf serve` on loopback, downloading from a small
 // file server in this process. Each group gets its own root and its own shelf.
-import { test, describe, before, after } from 'node:test';
+import { test, describe, before } from 'node:test';
 import assert from 'node:assert/strict';
-import { spawn } from 'node:child_process';
 import http from 'node:http';
 import { randomBytes } from 'node:crypto';
-import { mkdtemp, mkdir, readFile, rm, writeFile } from 'node:fs/promises';
-import os from 'node:os';
+import { readFile, writeFile } from 'node:fs/promises';
 import path from 'node:path';
-import { chromium } from 'playwright-core';
+import {
+  SHELF, ARTIFACTS, LONG, sleep, TIP, MARKUP, browser, useBrowser, cleanups, tempRoot, startShelf, startFileServer, request, api, seedQueue, openPage, openMenu, eventually, rows, titles, tools, tool, selectRow, shot, enterUrl, takeAlert,
+} from './support.mjs';
 
-const SHELF = process.env.SHELF_BINARY || new URL('../../build-dev/shelf/shelf', import.meta.url).pathname;
-const ARTIFACTS = process.env.SHELF_ARTIFACTS_DIR || '/tmp/shelf-artifacts';
-const LONG = 120_000;  // downloads under ASan are slow
-const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
-const TIP = 'Manage your downloads through the main menu item';
-const MARKUP = '<img src=x onerror=window.__pwned=1>.txt';
-
-let browser;
-before(async () => {
-  await mkdir(ARTIFACTS, { recursive: true });
-  browser = await chromium.launch({ executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox'] });
-});
-after(() => browser?.close());
-
-// --- Processes and servers --------------------------------------------------
-
-// A group's cleanups, run last first by its after hook (suite hooks have no t.after here).
-function cleanups() {
-  const fns = [];
-  after(async () => {
-    const errors = [];
-    while (fns.length) {
-      try { await fns.pop()(); } catch (e) { errors.push(e); }
-    }
-    if (errors.length) throw errors[0];
-  });
-  return (fn) => fns.push(fn);
-}
-
-async function tempRoot(defer) {
-  const root = await mkdtemp(path.join(os.tmpdir(), 'shelf-host-test-'));
-  defer(() => rm(root, { recursive: true, force: true }));
-  return root;
-}
-
-// `timeout` ends shelf even if this process dies, and passes our SIGTERM on to it.
-async function startShelf(root, args = []) {
-  const env = { ...process.env, LANG: 'C.UTF-8', LC_ALL: 'C.UTF-8', LANGUAGE: '' };
-  const child = spawn('timeout', ['900', SHELF, 'serve', '--root', root, '--port', '0', ...args],
-    { env, stdio: ['ignore', 'pipe', 'pipe'] });
-  const pid = child.pid;
-  let out = '';
-  child.stdout.on('data', (d) => { out += d; });
-  child.stderr.on('data', (d) => { out += d; });
-  const exited = new Promise((r) => child.once('exit', r));
-  const stop = async () => {
-    if (child.exitCode !== null || child.signalCode !== null) return;
-    process.kill(pid, 'SIGTERM');
-    if (await Promise.race([exited.then(() => true), sleep(15_000)])) return;
-    // Stuck: end shelf itself (its pid is in the root), then the wrapper.
-    const info = await readFile(path.join(root, 'Library', 'Server.json'), 'utf8').catch(() => '{}');
-    if (JSON.parse(info).pid) process.kill(JSON.parse(info).pid, 'SIGKILL');
-    process.kill(pid, 'SIGKILL');
-    await exited;
-  };
-  for (const end = Date.now() + 60_000; ; await sleep(50)) {
-    const m = /shelf: open (http:\/\/\S+)/.exec(out);
-    if (m) return { url: m[1], pid, stop };
-    if (child.exitCode !== null || Date.now() > end) {
-      await stop();
-      throw new Error(`shelf did not start:\n${out}`);
-    }
-  }
-}
-
-// files: name → {body, type, disposition, probeDelayMs, throttle: {bytes, everyMs}}.
-// Honours "Range: bytes=a-b" with 206 + Content-Range; the module probes with bytes=1-1.
-async function startFileServer(files) {
-  const sockets = new Set(), timers = new Set(), requests = [];
-  const server = http.createServer((req, res) => {
-    const name = decodeURIComponent(new URL(req.url, 'http://x').pathname.slice(1));
-    const f = files[name];
-    requests.push({ name, range: req.headers.range });
-    if (!f) return res.writeHead(404).end();
-    const total = f.body.length;
-    const headers = { 'content-type': f.type ?? 'application/octet-stream' };
-    if (f.disposition) headers['content-disposition'] = f.disposition;
-    let start = 0, end = total - 1, status = 200;
-    const range = /^bytes=(\d+)-(\d*)$/.exec(req.headers.range ?? '');
-    if (range) {
-      [start, end, status] = [Number(range[1]), range[2] ? Math.min(Number(range[2]), total - 1) : total - 1, 206];
-      if (start > end) return res.writeHead(416, { 'content-range': `bytes */${total}` }).end();
-      headers['content-range'] = `bytes ${start}-${end}/${total}`;
-    }
-    headers['content-length'] = end - start + 1;
-    const body = f.body.subarray(start, end + 1);
-    const probe = start === 1 && end === 1;
-    const send = () => {
-      res.writeHead(status, headers);
-      if (probe || !f.throttle) return res.end(body);
-      let at = 0;
-      const timer = setInterval(() => {
-        if (res.destroyed || at >= body.length) return clearInterval(timer);
-        res.write(body.subarray(at, at += f.throttle.bytes));
-        if (at >= body.length) res.end();
-      }, f.throttle.everyMs);
-      timers.add(timer);
-    };
-    if (probe && f.probeDelayMs) timers.add(setTimeout(send, f.probeDelayMs));
-    else send();
-  });
-  server.on('connection', (s) => { sockets.add(s); s.on('close', () => sockets.delete(s)); });
-  await new Promise((r) => server.listen(0, '127.0.0.1', r));
-  const base = `http://127.0.0.1:${server.address().port}/`;
-  return {
-    url: (name) => base + encodeURIComponent(name),
-    requests,
-    close: () => {
-      for (const t of timers) clearInterval(t);
-      for (const s of sockets) s.destroy();
-      return new Promise((r) => server.close(r));
-    },
-  };
-}
-
-// A raw request: the path goes out as written, and no Origin unless given (fetch may add one).
-function request(base, { method = 'GET', path: p = '/', headers = {}, body } = {}) {
-  const u = new URL(base);
-  return new Promise((resolve, reject) => {
-    const req = http.request({ host: u.hostname, port: u.port, method, path: p, headers, agent: false }, (res) => {
-      const chunks = [];
-      res.on('data', (c) => chunks.push(c));
-      res.on('end', () => resolve({ status: res.statusCode, text: Buffer.concat(chunks).toString() }));
-    });
-    req.on('upgrade', (res, socket) => { socket.destroy(); resolve({ status: res.statusCode, text: '' }); });
-    req.on('error', reject);
-    req.setTimeout(LONG, () => req.destroy(new Error(`${method} ${p} timed out`)));
-    req.end(body);
-  });
-}
-
-// The host takes changes (anything but GET) only as JSON.
-async function api(url, method, p, body) {
-  const json = body === undefined ? undefined : JSON.stringify(body);
-  const headers = method === 'GET' ? {} : { 'content-type': 'application/json' };
-  const r = await request(url, { method, path: p, body: json, headers });
-  return { status: r.status, body: r.text ? JSON.parse(r.text) : null };
-}
-
-// Queue records that stay put: nothing starts while downloads are not permitted.
-// Added before any tab connects, so the intake's alert and tip are headless.
-async function seedQueue(url, files, names, stopped = []) {
-  assert.equal((await api(url, 'PUT', '/api/settings', { downloadsPermitted: false })).status, 200);
-  const ids = [];
-  for (const name of names) {
-    const r = await api(url, 'POST', '/api/downloads', { url: files.url(name) });
-    assert.equal(r.status, 201, JSON.stringify(r.body));
-    ids.push(r.body.download.uniqueId);
-  }
-  for (const i of stopped) assert.equal((await api(url, 'POST', `/api/downloads/${ids[i]}/stop`)).status, 204);
-  return ids;
-}
-
-// --- The page ---------------------------------------------------------------
-
-async function openPage(defer, url, viewport = { width: 1100, height: 760 }) {
-  const context = await browser.newContext({ viewport });
-  const page = await context.newPage();
-  const errors = [];
-  page.on('pageerror', (e) => errors.push(e.message));
-  defer(async () => {
-    await context.close();
-    assert.deepEqual(errors, [], 'no script errors');
-  });
-  await page.goto(url);
-  await page.waitForSelector('#menu .menu-item');
-  return page;
-}
-
-async function openMenu(page, title) {
-  await page.locator('#menu .menu-item').filter({ hasText: new RegExp(`^${title}$`) }).click();
-  await page.waitForFunction((s) => document.getElementById('title').textContent === s, title);
-}
-
-// Retries `probe` until `check` (which asserts) passes; the last failure is reported.
-async function eventually(probe, check, ms = 30_000) {
-  for (const end = Date.now() + ms; ; await sleep(100)) {
-    const value = await probe();
-    try {
-      check(value);
-      return value;
-    } catch (e) {
-      if (Date.now() > end) throw e;
-    }
-  }
-}
-
-// The rendered rows in order, their labels by style.
-const rows = (page) => page.$$eval('#table .row[data-row]', (els) => els.map((e) => {
-  const text = (style) => [...e.querySelectorAll(`.v[data-style="${style}"]`)].map((l) => l.textContent);
-  return { row: Number(e.dataset.row), selected: e.classList.contains('selected'), title: text('largeTitle')[0] ?? '',
-    details: text('smallDetail'), status: text('smallTitle')[0] ?? '', texts: text('body') };
-}).sort((a, b) => a.row - b.row));
-const titles = async (page) => (await rows(page)).map((r) => r.title || r.texts[0]);
-const tools = (page) => page.$$eval('#toolbar button.tool',
-  (els) => Object.fromEntries(els.map((e) => [e.getAttribute('aria-label'), !e.disabled])));
-const tool = (page, name) => page.click(`#toolbar button.tool[aria-label=${name}]`);
-const selectRow = (page, row) => page.click(`#table .row[data-row="${row}"]`);
-const shot = (page, name) => page.screenshot({ path: path.join(ARTIFACTS, `${name}.png`) });
-
-async function enterUrl(page, text) {
-  await tool(page, 'DFEnterUrl');
-  await page.waitForSelector('#dialog[open] .dialog-input');
-  await page.fill('#dialog .dialog-input', text);
-  await page.click('#dialog .dialog-ok');
-}
-
-async function takeAlert(page) {
-  await page.waitForSelector('#alert[open]', { timeout: LONG });
-  const text = await page.textContent('#alert .alert-text');
-  await page.click('#alert .alert-ok');
-  await page.waitForSelector('#alert[open]', { state: 'detached' });
-  return text;
-}
+useBrowser();
 
 // --- Groups -----------------------------------------------------------------
 
@@ -239,7 +26,7 @@ describe('an empty queue', { timeout: 5 * 60_000 }, () => {
 
   test('only entering a URL is possible', async () => {
     await eventually(() => tools(page), (v) => assert.deepEqual(v,
-      { DFEnterUrl: true, DFStart: false, DFStop: false, DFRemove: false, DFSelect: false, DFDeselect: false }));
+      { 'Enter URL': true, Start: false, Stop: false, Remove: false, 'Select All': false, 'Deselect All': false }));
   });
 
   test('text that gives no http(s) address with a host is an incorrect URL', async () => {
@@ -352,34 +139,68 @@ describe('selection and the toolbar', { timeout: 5 * 60_000 }, () => {
   });
 
   test('the buttons follow the selected rows', async () => {
-    const none = { DFEnterUrl: true, DFStart: false, DFStop: false, DFRemove: false, DFSelect: true, DFDeselect: false };
-    const some = { ...none, DFRemove: true, DFDeselect: true };
+    const none = { 'Enter URL': true, Start: false, Stop: false, Remove: false, 'Select All': true, 'Deselect All': false };
+    const some = { ...none, Remove: true, 'Deselect All': true };
     const cases = [
-      { tap: [0], want: { ...some, DFStop: true } },           // active only
-      { tap: [1], want: { ...some, DFStart: true } },          // inactive only
-      { tap: [0, 1], want: { ...some, DFStart: true, DFStop: true } },
-      { tap: [0, 1, 0], want: { ...some, DFStart: true } },    // tapping again deselects
+      { tap: [0], want: { ...some, Stop: true } },           // active only
+      { tap: [1], want: { ...some, Start: true } },          // inactive only
+      { tap: [0, 1], want: { ...some, Start: true, Stop: true } },
+      { tap: [0, 1, 0], want: { ...some, Start: true } },    // tapping again deselects
     ];
     for (const { tap, want } of cases) {
       for (const r of tap) await selectRow(page, r);
       await eventually(() => tools(page), (v) => assert.deepEqual(v, want, `after tapping ${tap}`));
-      await tool(page, 'DFDeselect');
+      await tool(page, 'Deselect All');
       await eventually(() => tools(page), (v) => assert.deepEqual(v, none));
       assert.deepEqual((await rows(page)).filter((r) => r.selected), []);
     }
-    await tool(page, 'DFSelect');
+    await tool(page, 'Select All');
     await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => r.selected), [true, true, true, true]));
-    await eventually(() => tools(page), (v) => assert.deepEqual(v, { ...some, DFStart: true, DFStop: true, DFSelect: false }));
-    await tool(page, 'DFDeselect');
+    await eventually(() => tools(page), (v) => assert.deepEqual(v, { ...some, Start: true, Stop: true, 'Select All': false }));
+    await tool(page, 'Deselect All');
     await eventually(() => tools(page), (v) => assert.deepEqual(v, none));
+  });
+
+  test('the keyboard moves the focus, selects, and acts through the toolbar', async () => {
+    const focused = () => page.evaluate(() => {
+      const row = document.activeElement?.closest('.row');
+      return row ? { row: Number(row.dataset.row), ring: getComputedStyle(row, '::before').borderTopWidth } : null;
+    });
+    await page.locator('#table .row[data-row="0"]').focus();
+    await page.keyboard.press('ArrowDown');
+    await page.keyboard.press('ArrowDown');
+    await page.keyboard.press('ArrowUp');
+    assert.deepEqual(await focused(), { row: 1, ring: '2px' }, 'the focused row shows a ring');
+    await page.keyboard.press('Space');
+    await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => r.selected), [false, true, false, false]));
+    const keys = [
+      { key: 'Control+a', selected: [true, true, true, true] },
+      { key: 'Escape', selected: [false, false, false, false] },
+    ];
+    for (const { key, selected } of keys) {
+      await page.keyboard.press(key);
+      await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => r.selected), selected, key));
+    }
+    await page.keyboard.press('Delete');
+    await sleep(300);
+    assert.equal(await page.getByRole('dialog').count(), 0, 'Remove is disabled with nothing selected, so Delete does nothing');
+    await page.keyboard.press('Space');
+    await eventually(() => tools(page), (v) => assert.equal(v.Remove, true), 10_000);  // the host enables Remove
+    await page.keyboard.press('Delete');
+    const dialog = page.getByRole('dialog');
+    await dialog.getByRole('button', { name: 'Cancel' }).click();
+    await dialog.waitFor({ state: 'hidden' });
+    assert.equal((await api(shelf.url, 'GET', '/api/downloads')).body.length, 4);
+    await tool(page, 'Deselect All');
+    await eventually(() => rows(page), (v) => assert.ok(v.every((r) => !r.selected)));
   });
 
   test('removing rows 0 and 2 asks first; cancel keeps them selected', async () => {
     await selectRow(page, 0);
     await selectRow(page, 2);
-    await eventually(() => tools(page), (v) => assert.equal(v.DFRemove, true));
+    await eventually(() => tools(page), (v) => assert.equal(v.Remove, true));
     for (const answer of ['.dialog-cancel', '.dialog-ok']) {
-      await tool(page, 'DFRemove');
+      await tool(page, 'Remove');
       await page.waitForSelector('#dialog[open]');
       assert.equal(await page.textContent('#dialog .dialog-text'), 'Are you sure you want to delete selected items?');
       assert.equal(await page.textContent('#dialog .dialog-ok'), 'Delete');
@@ -423,9 +244,10 @@ describe('the settings page', { timeout: 5 * 60_000 }, () => {
     await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => r.texts[0]), labels));
     await shot(page, 'settings');
     for (const [on, shown] of [[false, labels.slice(0, 1)], [true, labels]]) {
-      await page.click('#table .row[data-row="0"] .v-switch');
+      const permitted = page.getByRole('switch', { name: 'Downloads Permitted' });
+      await permitted.click();
       await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => r.texts[0]), shown));
-      assert.equal(await page.getAttribute('#table .row[data-row="0"] .v-switch', 'aria-checked'), String(on));
+      assert.equal(await permitted.getAttribute('aria-checked'), String(on));
       assert.equal(await setting('downloadsPermitted'), on);
     }
   });
@@ -433,15 +255,16 @@ describe('the settings page', { timeout: 5 * 60_000 }, () => {
   test('the stepper stays within 1 to 10 and stores its value', async (t) => {
     const page = await openSettings(t);
     await eventually(() => stepperValue(page), (v) => assert.equal(v, '3'));
-    for (const [button, step, limit] of [['minus', -1, 1], ['plus', 1, 10]]) {
-      const sel = `#table .row[data-row="2"] .stepper-${button}`;
+    const stepper = page.getByRole('group', { name: 'Active Downloads Count' });
+    for (const [button, step, limit] of [['Decrease', -1, 1], ['Increase', 1, 10]]) {
+      const control = stepper.getByRole('button', { name: button });
       for (let value = Number(await stepperValue(page)); value !== limit; ) {
-        await page.click(sel);
+        await control.click();
         value += step;
         await eventually(() => stepperValue(page), (v) => assert.equal(v, String(value)));
         await eventually(() => setting('maxActiveDownloadCount'), (v) => assert.equal(v, value));
       }
-      assert.equal(await page.isDisabled(sel), true, `${button} disabled at ${limit}`);
+      assert.equal(await control.isDisabled(), true, `${button} disabled at ${limit}`);
     }
   });
 
@@ -449,8 +272,7 @@ describe('the settings page', { timeout: 5 * 60_000 }, () => {
     assert.equal((await api(shelf.url, 'PUT', '/api/settings', { maxActiveDownloadCount: 4 })).status, 200);
     const page = await openSettings(t);
     await eventually(() => stepperValue(page), (v) => assert.equal(v, '4'));
-    assert.equal(await page.isDisabled('#table .row[data-row="2"] .stepper-minus'), false);
-    assert.equal(await page.isDisabled('#table .row[data-row="2"] .stepper-plus'), false);
+    for (const name of ['Decrease', 'Increase']) assert.equal(await page.getByRole('button', { name }).isDisabled(), false);
   });
 
   test('on a narrow screen the menu is a drawer', async (t) => {
@@ -483,13 +305,19 @@ describe('in German', { timeout: 5 * 60_000 }, () => {
     assert.equal(menu[0], 'Dokumente');
     await openMenu(page, 'Downloads');
     await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => [r.title, r.status]), [['stopped.zip', 'angehalten']]));
-    await tool(page, 'DFEnterUrl');
+    assert.ok((await rows(page))[0].details.includes('0 Byte / 100 Byte (0%)'), 'sizes in German units');
+    assert.equal(await page.getAttribute('html', 'lang'), 'de');
+    assert.deepEqual(Object.keys(await tools(page)).sort(),
+      ['Alle auswählen', 'Anhalten', 'Auswahl aufheben', 'Entfernen', 'Starten', 'URL eingeben']);
+    await tool(page, 'URL eingeben');
     await page.waitForSelector('#dialog[open]');
     assert.equal(await page.textContent('#dialog .dialog-title'), 'URL eingeben');
-    await page.click('#dialog .dialog-cancel');
+    assert.equal(await page.getByRole('dialog').getByRole('textbox').getAttribute('enterkeyhint'), 'done');
+    await page.getByRole('dialog').getByRole('button', { name: 'Abbrechen' }).click();
     await openMenu(page, menu[3]);
     await page.locator('#table .row[data-row]').filter({ hasText: /^Downloads$/ }).click();
     await eventually(() => rows(page), (v) => assert.equal(v[0]?.texts[0], 'Downloads erlaubt'));
+    assert.equal(await page.getByRole('switch', { name: 'Downloads erlaubt' }).getAttribute('aria-checked'), 'false');
   });
 });
 

@@ -206,12 +206,12 @@ test('toolbar and controls follow props patches and report taps', async (t) => {
 
 test('after a dropped connection it reconnects and reopens the last menu entry', async (t) => {
   const { page, sent, drop } = await open(t, screen(1, 60));
-  await page.click('#menu .menu-item[aria-label="Recent"]');
+  await page.getByRole('navigation').getByRole('button', { name: 'Recent' }).click();
   assert.deepEqual(sent.findLast((m) => m.t === 'menu'), { t: 'menu', index: 1 });
   const before = sent.length;
   await drop();
   await page.waitForSelector('#banner', { state: 'visible' });
   assert.deepEqual(await until('menu after reconnect', () => sent.slice(before).find((m) => m.t === 'menu')), { t: 'menu', index: 1 });
   await page.waitForSelector('#banner', { state: 'hidden' });
-  assert.equal(await page.getAttribute('.menu-item.active', 'aria-label'), 'Recent');
+  assert.equal(await page.getByRole('navigation').getByRole('button', { name: 'Recent' }).getAttribute('aria-current'), 'page');
 });

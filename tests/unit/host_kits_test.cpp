@@ -4,6 +4,9 @@
 #include <fstream>
 
 #include "module/platform/RecentItems.h"
+#include "module/platform/ui/Appearance.h"
+#include "module/platform/ui/BarButtonItem.h"
+#include "module/platform/ui/Bundle.h"
 #include "module/ui/DFRecentItemsSource.h"
 #include "shelfkit/kits/HeadlessPresenters.h"
 #include "tests/support/LogCapture.h"
@@ -77,6 +80,59 @@ TEST(RecentItems, TheModuleSourceIsOneObjectWithItsFixedFace) {
   EXPECT_EQ(source->accessibilityLabel(), "Recently Downloaded");
   EXPECT_EQ(source->iconName(), "DFRecentItems");
   EXPECT_EQ(source->priority(), 0);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(Bundle, ToolbarButtonsAreNamedByTheBundlesLabelTable) {
+  TestHost host;
+  const fs::path bundle = fs::path(host.layout().library) / "Labels.bundle";
+  fs::create_directories(bundle);
+  std::ofstream(bundle / "Info.json") << R"({"identifier": "org.test.labels", "imageLabels": {
+      "Go": {"label": "Start", "key": "Control+g"},
+      "Plain": {"label": "Plain"},
+      "NoLabel": {"key": "x"},
+      "BadLabel": {"label": 5},
+      "../Out": {"label": "Out"},
+      "BadKey": {"label": "Bad key", "key": ["x"]}}})";
+  platform::Bundle::registerBundle("org.test.labels", bundle.string(), "");
+  auto registered = platform::Bundle::bundleWithIdentifier("org.test.labels");
+  ASSERT_TRUE(registered);
+  struct Case {
+    const char* image;
+    const char* label;  // null: none
+    const char* key;    // null: none
+  } cases[] = {{"Go", "Start", "Control+g"}, {"Plain", "Plain", nullptr}, {"BadKey", "Bad key", nullptr},
+               {"NoLabel", nullptr, nullptr}, {"BadLabel", nullptr, nullptr}, {"../Out", nullptr, nullptr},
+               {"Missing", nullptr, nullptr}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.image);
+    auto label = registered->labelForImage(c.image);
+    ASSERT_EQ(label.has_value(), c.label != nullptr);
+    if (!label) continue;
+    EXPECT_EQ(label->label, c.label);
+    EXPECT_EQ(label->key, c.key ? std::optional<std::string>(c.key) : std::nullopt);
+  }
+
+  const std::string url = registered->urlForImage("Go");
+  for (const char* other : {"/bundles/org.nowhere/images/Go.svg", "/bundles/org.test.labels/images/Go.png",
+                            "/bundles/org.test.labels/images/.svg", "/elsewhere/org.test.labels/images/Go.svg"})
+    EXPECT_FALSE(platform::Bundle::bundleForImageURL(other)) << other;
+  auto found = platform::Bundle::bundleForImageURL(url);
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->first, registered);
+  EXPECT_EQ(found->second, "Go");
+
+  auto named = [](const platform::Image& image) {
+    auto node = platform::BarButtonItem(image, platform::BarButtonItem::kStylePlain, nullptr).node();
+    return std::make_pair(node["props"]["accessibilityLabel"], node["props"].value("shortcut", nlohmann::json()));
+  };
+  auto image = platform::AppearanceKit::imageWithName("Go", 20, registered, platform::Color::blueColor());
+  EXPECT_EQ(named(image), std::make_pair(nlohmann::json("Start"), nlohmann::json("Control+g")));
+  image = platform::AppearanceKit::imageWithName("Missing", 20, registered, platform::Color::blueColor());
+  EXPECT_EQ(named(image), std::make_pair(nlohmann::json("Missing"), nlohmann::json())) << "named after the image";
 }
 
 }  // namespace

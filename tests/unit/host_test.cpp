@@ -8,12 +8,15 @@
 #include <set>
 
 #include "module/platform/DownloadService.h"
+#include "module/platform/RecentItems.h"
 #include "module/platform/ui/Registries.h"
 #include "shelf/host/AccessToken.h"
 #include "shelf/host/Api.h"
+#include "shelf/host/DownloadActivity.h"
 #include "shelf/host/FileResolver.h"
 #include "shelf/host/HostScreens.h"
 #include "shelf/host/ServerInfo.h"
+#include "shelf/host/TransferRate.h"
 #include "shelf/host/WebBridge.h"
 #include "tests/support/TestHost.h"
 
@@ -112,6 +115,125 @@ TEST(HostScreens, DocumentsListsOnlyWhatTheServerSends) {
   EXPECT_EQ(screen->rowCount(0), 2);
   EXPECT_TRUE(texts.count("plain.txt") && texts.count("inside-link"));
   EXPECT_FALSE(texts.count("outside-link") || texts.count("hard-link")) << "nothing of a file outside is shown";
+}
+
+TEST(TransferRate, SmoothedOverAFewSecondsAndZeroWhenStalled) {
+  using namespace std::chrono_literals;
+  const auto t0 = shelf::TransferRate::Clock::time_point() + 1h;
+  struct Report {
+    std::chrono::milliseconds at;
+    int64_t position;
+  };
+  struct Case {
+    const char* what;
+    std::vector<Report> reports;
+    std::chrono::milliseconds now;
+    std::optional<double> rate;  // bytes per second
+  } cases[] = {
+      {"one report says nothing", {{0ms, 500}}, 100ms, std::nullopt},
+      {"reports too close together", {{0ms, 0}, {50ms, 1000}}, 60ms, std::nullopt},
+      {"steady", {{0ms, 0}, {1s, 100'000}, {2s, 200'000}, {3s, 300'000}}, 3100ms, 100'000.0},
+      {"sparse reports still measure", {{0ms, 0}, {4s, 400'000}, {8s, 800'000}}, 9s, 100'000.0},
+      {"a new speed replaces the old within the window",
+       {{0s, 0}, {1s, 100'000}, {2s, 200'000}, {3s, 400'000}, {4s, 600'000}, {5s, 800'000}, {6s, 1'000'000},
+        {7s, 1'200'000}, {8s, 1'400'000}},
+       8s, 200'000.0},
+      {"a burst is spread over the window", {{0s, 0}, {1s, 0}, {2s, 500'000}, {5s, 500'000}}, 5s, 100'000.0},
+      {"no report for long: stalled", {{0s, 0}, {1s, 100'000}, {2s, 200'000}}, 13s, 0.0},
+      {"a restart from the beginning measures anew", {{0s, 0}, {1s, 100'000}, {2s, 200'000}, {3s, 1'000}}, 3s,
+       std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    shelf::TransferRate rate;
+    for (const auto& report : c.reports) rate.add(t0 + report.at, report.position);
+    auto measured = rate.bytesPerSecond(t0 + c.now);
+    ASSERT_EQ(measured.has_value(), c.rate.has_value());
+    if (c.rate) {
+      EXPECT_NEAR(*measured, *c.rate, 1.0);
+    }
+  }
+}
+
+TEST(DownloadActivity, SaysHowFastWhenItEndsWhyADownloadWaitsAndWhenTheQueueIsHeld) {
+  using namespace std::chrono_literals;
+  TestHost host;
+  struct {
+    double seconds;
+    const char* left;
+    const char* retry;
+  } texts[] = {{0.2, "about 1 s left", "next try in 1 s"},     {7.2, "about 8 s left", "next try in 8 s"},
+               {42, "about 45 s left", "next try in 42 s"},    {125, "about 2 min left", "next try in 2 min"},
+               {89 * 60, "about 89 min left", "next try in 89 min"}, {7200, "about 2 h left", "next try in 120 min"}};
+  for (const auto& t : texts) {
+    EXPECT_EQ(shelf::timeLeftText(t.seconds), t.left) << t.seconds;
+    EXPECT_EQ(shelf::retryText(t.seconds), t.retry) << t.seconds;
+  }
+
+  const auto t0 = shelf::DownloadActivity::Clock::time_point() + 1h;
+  auto item = [](const char* id, int64_t size, int64_t position, bool running) {
+    platform::DownloadItem item;
+    item.uniqueId = id;
+    item.size = size;
+    item.position = position;
+    item.inProgress = running;
+    return item;
+  };
+  shelf::DownloadActivity activity;
+  // Two running downloads: 1.4 MB at 200 KB/s with 600 KB left, and one of unknown size at 100 KB/s.
+  for (int second = 0; second <= 4; ++second) {
+    activity.record(item("A", 1'400'000, 200'000 * second, true), t0 + std::chrono::seconds(second));
+    activity.record(item("B", 0, 100'000 * second, true), t0 + std::chrono::seconds(second));
+  }
+  platform::DownloadItem failed = item("C", 5000, 0, false);
+  failed.lastError = "The server answered 503";
+  failed.retryDate = 1000.0 + 12;
+  std::vector<platform::DownloadItem> queue = {failed, item("A", 1'400'000, 800'000, true), item("B", 0, 400'000, true),
+                                               item("D", 10, 0, false)};
+  auto message = activity.message(queue, {}, true, 3, t0 + 4s, 1000.0);
+  EXPECT_EQ(message["summary"], "2 downloading \u00B7 300 KB/s") << "no time left while a size is unknown";
+  EXPECT_EQ(message["paused"], nullptr);
+  EXPECT_EQ(message["rows"], nlohmann::json::parse(R"([
+      {"row": 0, "text": "Last try failed: The server answered 503 \u00B7 next try in 12 s"},
+      {"row": 1, "text": "200 KB/s \u00B7 about 3 s left"},
+      {"row": 2, "text": "100 KB/s"}])"));
+  auto estimate = activity.estimate(queue[1], t0 + 4s);
+  ASSERT_TRUE(estimate && estimate->secondsLeft);
+  EXPECT_NEAR(estimate->bytesPerSecond, 200'000, 1);
+  EXPECT_NEAR(*estimate->secondsLeft, 3.0, 0.01);
+
+  queue.pop_back();
+  queue.pop_back();
+  message = activity.message(queue, {}, true, 3, t0 + 4s, 1000.0);
+  EXPECT_EQ(message["summary"], "1 downloading \u00B7 200 KB/s \u00B7 about 3 s left");
+
+  // Finished: nothing is said about it any more, and the retry time has passed.
+  activity.record(item("A", 1'400'000, 1'400'000, false), t0 + 5s);
+  queue[1].inProgress = false;
+  message = activity.message(queue, {}, true, 3, t0 + 5s, 1013.0);
+  EXPECT_EQ(message["summary"], nullptr);
+  EXPECT_EQ(message["rows"], nlohmann::json::parse(R"([{"row": 0, "text": "Last try failed: The server answered 503"}])"));
+  EXPECT_FALSE(activity.estimate(queue[1], t0 + 5s));
+
+  platform::DownloadSettings notPermitted;
+  notPermitted.downloadsPermitted = false;
+  struct {
+    platform::DownloadSettings settings;
+    bool network;
+    const char* reason;  // null: not paused
+  } held[] = {{{}, true, nullptr},
+              {notPermitted, true, "Downloads are not permitted in Settings."},
+              {{}, false, "No network connection that downloads may use."}};
+  for (const auto& h : held) {
+    auto paused = activity.message(queue, h.settings, h.network, 3, t0, 0)["paused"];
+    if (!h.reason) {
+      EXPECT_EQ(paused, nullptr);
+      continue;
+    }
+    EXPECT_EQ(paused["text"], "Downloads are paused");
+    EXPECT_EQ(paused["reason"], h.reason);
+    EXPECT_EQ(paused["menu"], 3);
+  }
 }
 
 TEST(AccessToken, MadeOnceAndReadableByTheOwnerOnly) {
@@ -261,6 +383,88 @@ TEST_F(ApiTest, SettingsChangeOnlyWhatIsGiven) {
   EXPECT_EQ(nlohmann::json::parse(changed.body),
             nlohmann::json::parse(R"({"downloadsPermitted": true, "useCellularData": false, "maxActiveDownloadCount": 7})"));
   EXPECT_EQ(nlohmann::json::parse(call("GET", "/api/settings").body)["maxActiveDownloadCount"], 7);
+}
+
+struct TestRecentSource : platform::RecentItemsSourceBase {
+  using RecentItemsSourceBase::RecentItemsSourceBase;
+  std::string title() const override { return "Test"; }
+  std::string iconName() const override { return "i"; }
+  std::string iconBundle() const override { return "b"; }
+  int64_t priority() const override { return 0; }
+  std::string accessibilityLabel() const override { return "a"; }
+};
+
+TEST_F(ApiTest, DocumentsAreDeletedAndRenamedOnlyInsideTheFolderAndRecentFollows) {
+  const fs::path docs = host_.layout().documents, library = host_.layout().library;
+  write(docs / "a.txt", "a");
+  write(docs / "b.txt", "b");
+  write(docs / "sub/c.txt", "c");
+  write(library / "secret", "s");
+  fs::create_symlink(library / "secret", docs / "out-link");
+  fs::create_hard_link(library / "secret", docs / "hard-link");
+  auto recent = std::make_shared<TestRecentSource>("DocumentsTest");
+  platform::RecentItemsRegistry::sharedInstance()->addRecentItemsSource(recent);
+  recent->addItemWithFilename((docs / "b.txt").string(), "B");
+  recent->addItemWithFilename((docs / "a.txt").string(), "A");
+
+  const std::string longName = R"({"name": ")" + std::string(256, 'x') + R"("})";
+  struct Case {
+    const char* method;
+    const char* path;
+    std::string body;
+    int status;
+  } cases[] = {
+      {"POST", "/api/documents/a.txt/rename", R"({"name": "../a.txt"})", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": "sub/a.txt"})", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": ".."})", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": ".hidden"})", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": ""})", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": "x\u0001y"})", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": "x\ny"})", 400},
+      {"POST", "/api/documents/a.txt/rename", longName, 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": 5})", 400},
+      {"POST", "/api/documents/a.txt/rename", "not json", 400},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": "b.txt"})", 409},
+      {"POST", "/api/documents/a.txt/rename", R"({"name": "sub"})", 409},
+      {"POST", "/api/documents/out-link/rename", R"({"name": "mine"})", 404},
+      {"POST", "/api/documents/hard-link/rename", R"({"name": "mine"})", 404},
+      {"POST", "/api/documents/sub/rename", R"({"name": "mine"})", 404},
+      {"DELETE", "/api/documents/out-link", "", 404},
+      {"DELETE", "/api/documents/hard-link", "", 404},
+      {"DELETE", "/api/documents/sub", "", 404},
+      {"DELETE", "/api/documents/..", "", 404},
+      {"DELETE", "/api/documents/nothing.txt", "", 404},
+      {"DELETE", "/api/documents/../Library/secret", "", 404},
+      {"DELETE", "/api/documents/sub/c.txt", "", 404},
+      {"GET", "/api/documents/a.txt", "", 405},
+      {"DELETE", "/api/documents/a.txt/rename", "", 405},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.method) + " " + c.path + " " + c.body.substr(0, 40));
+    auto response = call(c.method, c.path, c.body);
+    EXPECT_EQ(response.status, c.status) << response.body;
+    EXPECT_TRUE(nlohmann::json::parse(response.body).contains("error"));
+  }
+  std::set<std::string> left;
+  for (const auto& entry : fs::recursive_directory_iterator(docs)) left.insert(entry.path().lexically_relative(docs).string());
+  EXPECT_EQ(left, (std::set<std::string>{"a.txt", "b.txt", "sub", "sub/c.txt", "out-link", "hard-link"}));
+  EXPECT_TRUE(fs::exists(library / "secret"));
+
+  auto renamed = call("POST", "/api/documents/a.txt/rename", R"({"name": "a renamed.txt"})");
+  EXPECT_EQ(renamed.status, 200);
+  EXPECT_EQ(nlohmann::json::parse(renamed.body)["url"], "/documents/a%20renamed.txt");
+  EXPECT_FALSE(fs::exists(docs / "a.txt"));
+  std::ifstream in(docs / "a renamed.txt");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "a");
+  EXPECT_EQ(call("DELETE", "/api/documents/b.txt").status, 204);
+  EXPECT_FALSE(fs::exists(docs / "b.txt"));
+  EXPECT_EQ(call("DELETE", "/api/documents/b.txt").status, 404);
+
+  write(docs / "b.txt", "a new file of the same name");
+  auto items = recent->items();
+  ASSERT_EQ(items.size(), 1u) << "a deleted file's item is forgotten, not revived by a new file of its name";
+  EXPECT_EQ(items[0].uniqueId, "A");
+  EXPECT_EQ(fs::path(items[0].path), docs / "a renamed.txt");
 }
 
 TEST_F(ApiTest, WithoutTheModuleTheDownloadsApiIsUnavailable) {
@@ -418,7 +622,7 @@ TEST_F(BridgeTest, AlertsWaitForATabAndCompleteWhenNoTabIsLeft) {
   ASSERT_TRUE(host_.runUntil([&] { return completions == 3; }));
 }
 
-TEST_F(BridgeTest, DialogsGoToTheActingTabAndAreDeclinedWhenItCloses) {
+TEST_F(BridgeTest, DialogsGoToTheActingTabAndWaitForItToComeBack) {
   auto a = connect(1), b = connect(2);
   std::vector<bool> answers;
   say(1, {{"t", "noop"}});  // tab 1 acted last
@@ -432,11 +636,29 @@ TEST_F(BridgeTest, DialogsGoToTheActingTabAndAreDeclinedWhenItCloses) {
   say(1, {{"t", "dialog"}, {"id", id}, {"ok", true}});
   EXPECT_EQ(answers, std::vector<bool>{true});
 
+  // Its tab goes away: the same browser tab, back on a new connection, still answers it.
   platform::AlertDialog::showConfirmDialogWithTitle(std::nullopt, std::string("Again?"), "Delete",
                                                     [&](bool ok) { answers.push_back(ok); });
+  const auto again = a->of("dialog").back()["id"];
   bridge_->closed(1);
+  connect(3);
+  say(3, {{"t", "dialog"}, {"id", again}, {"ok", true}, {"text", ""}});
   ASSERT_TRUE(host_.runUntil([&] { return answers.size() == 2; }));
-  EXPECT_FALSE(answers[1]);
+  EXPECT_TRUE(answers[1]) << "an answer given while the connection was lost is kept";
+
+  // Nobody answers: declined once the grace is over.
+  bridge_->setOrphanedDialogGrace(std::chrono::milliseconds(50));
+  say(3, {{"t", "noop"}});
+  platform::AlertDialog::showConfirmDialogWithTitle(std::nullopt, std::string("Once more?"), "Delete",
+                                                    [&](bool ok) { answers.push_back(ok); });
+  bridge_->closed(3);
+  ASSERT_TRUE(host_.runUntil([&] { return answers.size() == 3; }));
+  EXPECT_FALSE(answers[2]);
+
+  // An answer to a dialog the host does not know (it restarted, or the dialog ended) is refused visibly.
+  say(2, {{"t", "dialog"}, {"id", 987654}, {"ok", true}, {"text", "http://lost.example/"}});
+  ASSERT_EQ(b->of("dialogExpired").size(), 1u);
+  EXPECT_EQ(b->of("dialogExpired")[0]["id"], 987654);
 }
 
 TEST_F(BridgeTest, ATipIsShownOnceAndTheOverlayCanBeCancelledFromAnyTab) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "module/platform/ui/Appearance.h"
+#include "module/platform/Localization.h"
 #include "module/platform/ui/Formatting.h"
 #include "module/platform/ui/TableScreenController.h"
 #include "shelfkit/kits/ui/ScreenSession.h"
@@ -311,6 +312,26 @@ TEST(Formatting, FileSizes) {
     EXPECT_EQ(platform::fileSizeString(c.bytes), c.plain);
     EXPECT_EQ(platform::fileSizeString(c.bytes, true), c.fixed);
   }
+}
+
+TEST(Formatting, FileSizesInTheHostsLanguage) {
+  platform::bindTextDomain("shelf", SHELF_HOST_LOCALE_DIR);
+  platform::setPreferredLanguage("de");
+  struct Case {
+    int64_t bytes;
+    const char* plain;
+    const char* fixed;
+  } cases[] = {
+      {0, "0 Byte", "0 Byte"},          {1, "1 Byte", "1 Byte"},          {1000, "1 KB", "1,00 KB"},
+      {1536, "1,5 KB", "1,54 KB"},      {123456789, "123 MB", "123,46 MB"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.bytes);
+    EXPECT_EQ(platform::fileSizeString(c.bytes), c.plain);
+    EXPECT_EQ(platform::fileSizeString(c.bytes, true), c.fixed);
+  }
+  platform::setPreferredLanguage("");
+  EXPECT_EQ(platform::fileSizeString(1536), "1.5 KB");
 }
 
 TEST(Formatting, URLsFromTypedText) {

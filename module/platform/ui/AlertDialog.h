@@ -33,7 +33,11 @@ class AlertDialog {
     std::optional<std::string> title, text, placeholder;
     std::string okButtonTitle;
     bool secure = false;
+    std::optional<std::string> value;  // an input's text as it opens
+    int64_t returnKeyType = 0;         // what the return key of an input says (kReturnKeyDone, ...)
   };
+  // Any request, answered as `present` answers (declined with no presenter).
+  static void showRequest(const Request& request, std::function<void(bool ok, const std::string& text)> answered);
   // Exactly one of the two runs, once: `answered(ok, text)`.
   virtual void present(const Request& request, std::function<void(bool ok, const std::string& text)> answered) = 0;
 };

@@ -3,10 +3,23 @@
 // Thread-safe.
 #pragma once
 
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace platform {
+
+// What a control showing one of the bundle's images is called, from the
+// "imageLabels" table of the bundle's Info.json:
+//   "imageLabels": {"DFRemove": {"label": "Remove", "key": "Delete"}, ...}
+// `label` is English, translated through the bundle's strings; `key` is the
+// keyboard shortcut that presses the control (a KeyboardEvent key, with
+// "Control+" for the control key), when it has one.
+struct ImageLabel {
+  std::string label;
+  std::optional<std::string> key;
+};
 
 class Bundle {
  public:
@@ -26,9 +39,14 @@ class Bundle {
   std::string urlForImage(const std::string& name) const;
   // True iff `name` is a plain image name (letters, digits, '_' and '-').
   static bool isImageName(const std::string& name);
+  // The label of the image `name`, translated, or none when the bundle names none.
+  std::optional<ImageLabel> labelForImage(const std::string& name) const;
+  // The bundle of an address made by urlForImage, and the image's name; none for any other address.
+  static std::optional<std::pair<std::shared_ptr<Bundle>, std::string>> bundleForImageURL(const std::string& url);
 
  private:
   const std::string identifier_, path_, textDomain_;
+  std::map<std::string, ImageLabel> imageLabels_;  // read from Info.json when made
 };
 
 }  // namespace platform

@@ -10,7 +10,7 @@
 namespace platform {
 
 // A human-readable size: "0 bytes", "1 byte", "999 bytes", "1.5 KB", "12 MB", "1.23 GB"
-// (decimal units). With `fixPrecision`, kilobytes and above always show two
+// (decimal units), in the host's language: "1,5 KB" and "0 Byte" in German. With `fixPrecision`, kilobytes and above always show two
 // decimals ("1.50 KB"), so a changing number keeps its width.
 std::string fileSizeString(int64_t bytes);
 std::string fileSizeString(int64_t bytes, bool fixPrecision);

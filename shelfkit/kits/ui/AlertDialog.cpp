@@ -14,11 +14,17 @@ std::shared_ptr<AlertDialog>& presenter() {
 
 void AlertDialog::setPresenter(std::shared_ptr<AlertDialog> installed) { presenter() = std::move(installed); }
 
+void AlertDialog::showRequest(const Request& request, std::function<void(bool ok, const std::string& text)> answered) {
+  DCHECK_ON_MAIN();
+  if (auto installed = presenter()) return installed->present(request, std::move(answered));
+  answered(false, {});
+}
+
 void AlertDialog::showConfirmDialogWithTitle(const std::optional<std::string>& title,
                                              const std::optional<std::string>& text, const std::string& okButtonTitle,
                                              ConfirmBlock completionBlock) {
   DCHECK_ON_MAIN();
-  Request request{Request::Kind::Confirm, title, text, std::nullopt, okButtonTitle, false};
+  Request request{Request::Kind::Confirm, title, text, std::nullopt, okButtonTitle, false, std::nullopt, 0};
   auto answered = [completionBlock = std::move(completionBlock)](bool ok, const std::string&) {
     if (completionBlock) completionBlock(ok);
   };
@@ -29,11 +35,11 @@ void AlertDialog::showConfirmDialogWithTitle(const std::optional<std::string>& t
 void AlertDialog::showInputStringDialogWithTitle(const std::optional<std::string>& title,
                                                  const std::optional<std::string>& text,
                                                  const std::optional<std::string>& placeholder,
-                                                 const std::string& okButtonTitle, int64_t /*returnKeyType*/,
+                                                 const std::string& okButtonTitle, int64_t returnKeyType,
                                                  bool secure, InputBlock completionBlock,
                                                  std::function<void()> cancelBlock) {
   DCHECK_ON_MAIN();
-  Request request{Request::Kind::Input, title, text, placeholder, okButtonTitle, secure};
+  Request request{Request::Kind::Input, title, text, placeholder, okButtonTitle, secure, std::nullopt, returnKeyType};
   auto answered = [completionBlock = std::move(completionBlock), cancelBlock = std::move(cancelBlock)](
                       bool ok, const std::string& entered) {
     if (ok && completionBlock) completionBlock(entered);

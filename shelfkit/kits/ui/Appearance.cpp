@@ -1,6 +1,7 @@
 #include "module/platform/ui/Appearance.h"
 
 #include "module/platform/ui/BarButtonItem.h"
+#include "module/platform/ui/Bundle.h"
 
 namespace platform {
 
@@ -33,11 +34,15 @@ BarButtonItem::BarButtonItem(const Image& image, int64_t /*style*/, Action actio
   setProp("width", image.width);
   setProp("height", image.height);
   setProp("enabled", true);
-  // Without a label of its own, the button is named after its image.
+  // Without a label of its own, the button is named as its bundle names its
+  // image (and takes its keyboard shortcut), else after the image.
   const auto slash = image.url.find_last_of('/');
   std::string name = image.url.substr(slash == std::string::npos ? 0 : slash + 1);
   if (name.ends_with(".svg")) name.resize(name.size() - 4);
-  setProp("accessibilityLabel", name);
+  std::optional<ImageLabel> label;
+  if (auto found = Bundle::bundleForImageURL(image.url)) label = found->first->labelForImage(found->second);
+  setProp("accessibilityLabel", label ? label->label : name);
+  if (label && label->key) setProp("shortcut", *label->key);
 }
 
 std::shared_ptr<BarButtonItem> BarButtonItem::flexibleSpace() {

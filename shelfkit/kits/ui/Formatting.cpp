@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <iterator>
 
+#include "module/platform/Localization.h"
+
 namespace platform {
 namespace {
 
@@ -36,10 +38,12 @@ std::string escapeUnsafe(const std::string& text) {
   return escaped;
 }
 
-}  // namespace
+// The host's texts hold the names of the units and the decimal separator ("," in German).
+std::string hostText(const char* english) { return localizedString("shelf", english); }
 
-std::string fileSizeString(int64_t bytes, bool fixPrecision) {
-  if (bytes > -1000 && bytes < 1000) return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
+// The size with a point as the decimal separator.
+std::string sizeWithPoint(int64_t bytes, bool fixPrecision) {
+  if (bytes > -1000 && bytes < 1000) return std::to_string(bytes) + " " + hostText(bytes == 1 ? "byte" : "bytes");
   static const char* kUnits[] = {"KB", "MB", "GB", "TB", "PB", "EB"};
   double value = static_cast<double>(bytes) / 1000.0;
   size_t unit = 0;
@@ -51,6 +55,15 @@ std::string fileSizeString(int64_t bytes, bool fixPrecision) {
   if (std::fabs(value) >= 99.95) return formatted("%.0f %s", value, kUnits[unit]);
   std::string text = formatted("%.1f %s", value, kUnits[unit]);
   if (auto zero = text.find(".0 "); zero != std::string::npos) text.erase(zero, 2);
+  return text;
+}
+
+}  // namespace
+
+std::string fileSizeString(int64_t bytes, bool fixPrecision) {
+  std::string text = sizeWithPoint(bytes, fixPrecision);
+  const std::string separator = hostText(".");
+  if (auto point = text.find('.'); point != std::string::npos && separator != ".") text.replace(point, 1, separator);
   return text;
 }
 

@@ -1,6 +1,7 @@
 #include "shelfkit/kits/ui/ScreenSession.h"
 
 #include "module/platform/MainQueue.h"
+#include "shelfkit/kits/ui/Button.h"
 #include "shelfkit/kits/ui/MessageFields.h"
 
 namespace shelfkit {
@@ -113,7 +114,9 @@ bool ScreenSession::handle(const nlohmann::json& message) {
   } else if (const auto id = idField(message, "id"); !id) {
     return true;
   } else if (*type == "tap") {
-    if (auto* item = dynamic_cast<platform::BarButtonItem*>(controller->findView(*id))) item->tap();
+    auto* view = controller->findView(*id);
+    if (auto* item = dynamic_cast<platform::BarButtonItem*>(view)) item->tap();
+    else if (auto* button = dynamic_cast<Button*>(view)) button->tap();
   } else if (*type == "switch") {
     const auto on = boolField(message, "on");
     auto* view = dynamic_cast<platform::Switch*>(controller->findView(*id));

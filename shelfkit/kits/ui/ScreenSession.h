@@ -39,6 +39,8 @@ class ScreenSession : public std::enable_shared_from_this<ScreenSession> {
   void flush();
 
   int64_t patchesSent() const { return patchesSent_; }
+  // The screen the tab shows: changes whenever a screen is shown (pushed, popped, replaced).
+  uint64_t screenId() const { return screenId_; }
 
  private:
   void show();

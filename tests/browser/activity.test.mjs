@@ -1,0 +1,93 @@
+// What the Downloads screen says beyond its rows: speed and time left, why a
+// download waits, and that the queue is paused.
+import { test, describe, before } from 'node:test';
+import assert from 'node:assert/strict';
+import { randomBytes } from 'node:crypto';
+import {
+  LONG, api, cleanups, shot, eventually, openMenu, openPage, startFileServer, startShelf, tempRoot, useBrowser,
+} from './support.mjs';
+
+useBrowser();
+
+const describeRow = (page, row) => page.locator(`#table .row[data-row="${row}"]`)
+  .evaluate((e) => ({ title: e.title, description: e.getAttribute('aria-description') }))
+  .catch(() => ({ title: '', description: null }));
+const summary = (page) => page.locator('#summary').evaluate((e) => (e.hidden ? null : e.textContent));
+
+describe('what the queue is doing', { timeout: 6 * 60_000 }, () => {
+  const defer = cleanups();
+  let shelf, files;
+  before(async () => {
+    const root = await tempRoot(defer);
+    files = await startFileServer({
+      // About 320 KB/s for 3 MB: some ten seconds, a report about every second.
+      'slow.dat': { body: randomBytes(3_000_000), throttle: { bytes: 32_768, everyMs: 100 } },
+      'failing.dat': { body: randomBytes(50_000), failWith: 503 },
+    });
+    defer(() => files.close());
+    shelf = await startShelf(root);
+    defer(() => shelf.stop());
+  });
+
+  test('a running download shows its speed and time left; nothing is left once it is done', async (t) => {
+    const added = await api(shelf.url, 'POST', '/api/downloads', { url: files.url('slow.dat') });
+    assert.equal(added.status, 201);
+    const page = await openPage((f) => t.after(f), shelf.url);
+    await openMenu(page, 'Downloads');
+    // The user allowed notifications; they are recorded rather than shown.
+    await page.evaluate(() => {
+      window.notes = [];
+      window.Notification = class {
+        static permission = 'granted';
+        constructor(title, options) { window.notes.push([title, options?.body]); }
+      };
+    });
+    const row = await eventually(() => describeRow(page, 0),
+      (v) => assert.match(v.description ?? '', /^[\d.]+ (KB|MB)\/s · about \d+ (s|min) left$/), LONG);
+    assert.equal(row.title, row.description, 'the tooltip says the same');
+    await shot(page, 'downloads-running');
+    assert.match(await summary(page), /^1 downloading · [\d.]+ (KB|MB)\/s · about \d+ (s|min) left$/);
+    const [item] = (await api(shelf.url, 'GET', '/api/downloads')).body;
+    assert.ok(item.bytesPerSecond > 0 && item.secondsLeft > 0, JSON.stringify(item));
+    await eventually(() => api(shelf.url, 'GET', '/api/downloads'), (r) => assert.equal(r.body.length, 0), LONG);
+    await eventually(() => summary(page), (v) => assert.equal(v, null));
+    // It is not gone without a word: the Finished strip offers it, and the browser announced it.
+    const finished = page.getByRole('region', { name: 'Finished' });
+    await finished.getByRole('link', { name: 'Open slow.dat' }).waitFor({ timeout: 10_000 });
+    assert.match(await finished.getByRole('link', { name: 'Save slow.dat' }).getAttribute('href'), /\/documents\/slow\.dat\?download=1$/);
+    assert.deepEqual(await page.evaluate(() => window.notes), [['Finished', 'slow.dat']]);
+    await shot(page, 'downloads-finished');
+  });
+
+  test('a failing download says why and counts down to its next try', async (t) => {
+    const added = await api(shelf.url, 'POST', '/api/downloads', { url: files.url('failing.dat') });
+    assert.equal(added.status, 201);
+    t.after(() => api(shelf.url, 'DELETE', `/api/downloads/${added.body.download.uniqueId}`));
+    const page = await openPage((f) => t.after(f), shelf.url);
+    await openMenu(page, 'Downloads');
+    const waiting = /^Last try failed: .+ · next try in (\d+) s$/;
+    const first = await eventually(() => describeRow(page, 0), (v) => assert.match(v.description ?? '', waiting), LONG);
+    const [item] = (await api(shelf.url, 'GET', '/api/downloads')).body;
+    assert.ok(item.lastError, 'the API says why');
+    assert.ok(item.retryAt > Date.now() / 1000 && item.bytesPerSecond === null, JSON.stringify(item));
+    const secondsLeft = (v) => Number(waiting.exec(v.description ?? '')?.[1] ?? NaN);
+    await eventually(() => describeRow(page, 0), (v) => {
+      assert.ok(secondsLeft(v) < secondsLeft(first), `${v.description} after ${first.description}`);
+    });
+  });
+
+  test('while downloads are not permitted a banner says so and leads to Settings', async (t) => {
+    const page = await openPage((f) => t.after(f), shelf.url);
+    await openMenu(page, 'Downloads');
+    const banner = page.locator('#paused');
+    assert.equal(await banner.isVisible(), false);
+    assert.equal((await api(shelf.url, 'PUT', '/api/settings', { downloadsPermitted: false })).status, 200);
+    t.after(() => api(shelf.url, 'PUT', '/api/settings', { downloadsPermitted: true }));
+    await banner.waitFor();
+    await shot(page, 'downloads-paused');
+    assert.match(await banner.textContent(), /Downloads are paused\s+Downloads are not permitted in Settings\./);
+    await banner.getByRole('button', { name: 'Settings' }).click();
+    await page.waitForFunction(() => document.getElementById('title').textContent === 'Settings');
+    assert.equal(await banner.isVisible(), false, 'only the queue shows it');
+  });
+});

@@ -1,0 +1,106 @@
+// Managing the documents folder from the Documents screen and through the API.
+import { test, describe, before } from 'node:test';
+import assert from 'node:assert/strict';
+import { readdir, readFile, writeFile } from 'node:fs/promises';
+import path from 'node:path';
+import { unlink } from 'node:fs/promises';
+import {
+  PHONE, api, cleanups, eventually, openMenu, openPage, request, shot, startShelf, takeAlert, tempRoot, useBrowser,
+} from './support.mjs';
+
+useBrowser();
+
+// The names the Documents screen lists, in order.
+const listed = (page) => page.$$eval('#table .row[data-row] .v[data-style="largeTitle"]', (els) => els.map((e) => e.textContent).sort());
+
+describe('documents', { timeout: 5 * 60_000 }, () => {
+  const defer = cleanups();
+  let root, docs, shelf;
+  before(async () => {
+    root = await tempRoot(defer);
+    shelf = await startShelf(root);
+    defer(() => shelf.stop());
+    docs = path.join(root, 'Documents');
+    for (const name of ['a.txt', 'b.txt', 'c.txt']) await writeFile(path.join(docs, name), name);
+  });
+
+  test('delete asks first; cancel keeps the file', async (t) => {
+    const page = await openPage((f) => t.after(f), shelf.url);
+    await openMenu(page, 'Documents');
+    await eventually(() => listed(page), (v) => assert.deepEqual(v, ['a.txt', 'b.txt', 'c.txt']));
+    const dialog = page.getByRole('dialog');
+    await page.getByRole('button', { name: 'Delete c.txt' }).click();
+    await dialog.getByRole('button', { name: 'Cancel' }).click();
+    await dialog.waitFor({ state: 'hidden' });
+    assert.ok((await readdir(docs)).includes('c.txt'));
+    await page.getByRole('button', { name: 'Delete c.txt' }).click();
+    assert.match(await dialog.getByRole('heading').textContent(), /c\.txt/);
+    await dialog.getByRole('button', { name: 'Delete' }).click();
+    await eventually(() => listed(page), (v) => assert.deepEqual(v, ['a.txt', 'b.txt']));
+    assert.deepEqual((await readdir(docs)).sort(), ['a.txt', 'b.txt']);
+  });
+
+  test('rename offers the name, refuses hostile and taken names visibly, then renames', async (t) => {
+    const page = await openPage((f) => t.after(f), shelf.url);
+    await openMenu(page, 'Documents');
+    const dialog = page.getByRole('dialog');
+    const rename = async (from, to) => {
+      await page.getByRole('button', { name: `Rename ${from}` }).click();
+      const box = dialog.getByRole('textbox');
+      assert.equal(await box.inputValue(), from, 'the current name is offered');
+      await box.fill(to);
+      await dialog.getByRole('button', { name: 'Rename' }).click();
+    };
+    for (const [to, reason] of [['../escaped.txt', /slash/], ['.hidden', /dot/], ['b.txt', /already exists/]]) {
+      await rename('a.txt', to);
+      assert.match(await takeAlert(page), reason, to);
+    }
+    assert.deepEqual((await readdir(docs)).sort(), ['a.txt', 'b.txt']);
+    assert.deepEqual((await readdir(root)).sort(), ['Documents', 'Library'], 'nothing left the folder');
+    await rename('a.txt', 'report 2.txt');
+    await eventually(() => listed(page), (v) => assert.deepEqual(v, ['b.txt', 'report 2.txt']));
+    assert.equal(await readFile(path.join(docs, 'report 2.txt'), 'utf8'), 'a.txt');
+  });
+
+  test('the API changes documents only for our own origin, as JSON, not from another site', async () => {
+    await writeFile(path.join(docs, 'keep.txt'), 'keep');
+    const json = { 'content-type': 'application/json' };
+    const cases = [
+      { what: 'foreign origin', headers: { ...json, origin: 'http://evil.example' }, status: 403 },
+      { what: 'not JSON', headers: { 'content-type': 'text/plain' }, status: 415 },
+      { what: 'cross-site', headers: { ...json, 'sec-fetch-site': 'cross-site' }, status: 403 },
+      { what: 'out of the folder', path: '/api/documents/..%2FLibrary%2FAccessToken', headers: json, status: 404 },
+    ];
+    for (const c of cases) {
+      const r = await request(shelf.url, { method: 'DELETE', path: c.path ?? '/api/documents/keep.txt', headers: c.headers });
+      assert.equal(r.status, c.status, c.what);
+    }
+    const renamed = await request(shelf.url, { method: 'POST', path: '/api/documents/keep.txt/rename',
+      headers: { 'content-type': 'application/json', origin: 'http://evil.example' }, body: '{"name":"stolen.txt"}' });
+    assert.equal(renamed.status, 403);
+    assert.ok((await readdir(docs)).includes('keep.txt'));
+    assert.equal((await api(shelf.url, 'POST', '/api/documents/keep.txt/rename', { name: 'kept.txt' })).status, 200);
+    assert.equal((await api(shelf.url, 'DELETE', '/api/documents/kept.txt')).status, 204);
+    assert.ok(!(await readdir(docs)).includes('kept.txt'));
+  });
+
+  test('on a phone a long name is cut in the middle and keeps its extension', async (t) => {
+    const long = 'Quarterly report of the regional office with every appendix and the minutes.pdf';
+    await writeFile(path.join(docs, long), 'x');
+    t.after(() => unlink(path.join(docs, long)));
+    for (const colorScheme of ['light', 'dark']) {
+      const page = await openPage((f) => t.after(f), shelf.url, PHONE, { colorScheme });
+      await openMenu(page, 'Documents');
+      const label = page.locator('#table .v-label[data-style="largeTitle"]').filter({ hasText: 'Quarterly' });
+      const shown = await eventually(() => label.evaluate((e) => ({
+        visible: e.querySelector('[aria-hidden="true"]')?.textContent ?? e.textContent,
+        read: e.querySelector('.sr-only')?.textContent,
+        tooltip: e.title,
+      })), (v) => assert.match(v.visible, /^Qu.*\u2026.*\.pdf$/));
+      assert.ok(shown.visible.length < long.length, shown.visible);
+      assert.equal(shown.read, long, 'a screen reader reads the whole name');
+      assert.equal(shown.tooltip, long);
+      await shot(page, `documents-long-name-${colorScheme}-phone`);
+    }
+  });
+});

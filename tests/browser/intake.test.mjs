@@ -1,0 +1,85 @@
+// Adding without a dialog per address: the Share menu's target, paste, and the "Add URLs" box.
+import { test, describe, before } from 'node:test';
+import assert from 'node:assert/strict';
+import { readdir } from 'node:fs/promises';
+import path from 'node:path';
+import {
+  api, cleanups, eventually, openMenu, openPage, request, shot, startFileServer, startShelf, takeAlert, tempRoot,
+  useBrowser, LONG, sleep,
+} from './support.mjs';
+
+useBrowser();
+
+const box = (page) => page.getByRole('dialog', { name: 'Add URLs' });
+const outcomes = (page) => box(page).locator('.add-urls-results li')
+  .evaluateAll((els) => els.map((e) => [e.className, e.textContent]));
+
+// Presses Add and answers the intake's messages (its alert per address, its tip once)
+// until the box comes back, then reads the `count` outcomes.
+async function addAll(page, count) {
+  await box(page).getByRole('button', { name: 'Add', exact: true }).click();
+  for (const end = Date.now() + LONG; !(await box(page).isVisible()); await sleep(100)) {
+    assert.ok(Date.now() < end, 'the box comes back');
+    if (await page.locator('#alert[open]').count()) await takeAlert(page);
+    else if (await page.locator('#tip').isVisible()) await page.getByRole('note').getByRole('button').click();
+  }
+  return eventually(() => outcomes(page), (v) => assert.equal(v.length, count));
+}
+
+describe('adding many addresses at once', { timeout: 6 * 60_000 }, () => {
+  const defer = cleanups();
+  let root, shelf, files;
+  before(async () => {
+    root = await tempRoot(defer);
+    files = await startFileServer(Object.fromEntries(['shared.txt', 'other.txt', 'pasted.txt', 'typed.txt']
+      .map((n) => [n, { body: Buffer.from(`${n}\n`), type: 'text/plain' }])));
+    defer(() => files.close());
+    shelf = await startShelf(root);
+    defer(() => shelf.stop());
+  });
+
+  test('a link shared to the page waits in the box until Add, then each line says how it went', async (t) => {
+    const text = `Look at ${files.url('shared.txt')}, and ${files.url('other.txt')}.`;
+    const page = await openPage((f) => t.after(f), `${shelf.url}?share_text=${encodeURIComponent(text)}&share_title=Links`);
+    await box(page).waitFor();
+    assert.equal(await box(page).getByRole('textbox').inputValue(), `${files.url('shared.txt')}\n${files.url('other.txt')}`);
+    assert.equal(new URL(page.url()).search, '', 'the shared text leaves the address bar');
+    assert.equal((await api(shelf.url, 'GET', '/api/downloads')).body.length, 0, 'nothing is added before Add');
+    await shot(page, 'add-urls-shared');
+    const done = await addAll(page, 2);
+    assert.deepEqual(done.map(([c]) => c), ['added', 'added']);
+    assert.match(done[0][1], /Added: shared\.txt/);
+    await eventually(() => readdir(path.join(root, 'Documents')),
+      (v) => assert.deepEqual(v.filter((n) => n.endsWith('.txt')).sort(), ['other.txt', 'shared.txt']), LONG);
+  });
+
+  test('pasted links open the box; a line that is no address is refused beside it', async (t) => {
+    const page = await openPage((f) => t.after(f), shelf.url);
+    await openMenu(page, 'Downloads');
+    await page.evaluate((text) => {
+      const data = new DataTransfer();
+      data.setData('text/plain', text);
+      document.dispatchEvent(new ClipboardEvent('paste', { clipboardData: data, bubbles: true }));
+    }, `see ${files.url('pasted.txt')}`);
+    await box(page).waitFor();
+    const lines = box(page).getByRole('textbox');
+    await lines.fill(`${await lines.inputValue()}\nftp://nowhere.example/x\n\n${files.url('typed.txt')}`);
+    const all = await addAll(page, 3);
+    assert.deepEqual(all.map(([c]) => c), ['added', 'refused', 'added'], JSON.stringify(all));
+    assert.match(all[1][1], /not an http\(s\) address/);
+    assert.equal(await lines.inputValue(), 'ftp://nowhere.example/x', 'what was refused stays to be corrected');
+  });
+
+  test('the share target takes no post, from another site least of all', async () => {
+    const body = `share_url=${encodeURIComponent(files.url('other.txt'))}`;
+    const cases = [
+      { what: 'a form post', headers: { 'content-type': 'application/x-www-form-urlencoded' }, status: 405 },
+      { what: 'a cross-site post', headers: { 'content-type': 'application/x-www-form-urlencoded', 'sec-fetch-site': 'cross-site' }, status: 405 },
+      { what: 'from another origin', headers: { 'content-type': 'application/x-www-form-urlencoded', origin: 'http://evil.example' }, status: 403 },
+    ];
+    for (const c of cases) assert.equal((await request(shelf.url, { method: 'POST', path: '/', headers: c.headers, body })).status, c.status, c.what);
+    const manifest = await request(shelf.url, { path: '/manifest.webmanifest' });
+    assert.equal(manifest.status, 200);
+    assert.deepEqual(JSON.parse(manifest.text).share_target.params, { title: 'share_title', text: 'share_text', url: 'share_url' });
+  });
+});

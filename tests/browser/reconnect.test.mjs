@@ -1,0 +1,40 @@
+// Losing the connection to the host loses nothing silently.
+import { test, describe, before } from 'node:test';
+import assert from 'node:assert/strict';
+import { cleanups, openMenu, openPage, startShelf, takeAlert, tempRoot, tool, useBrowser } from './support.mjs';
+
+useBrowser();
+
+describe('a restart of the host', { timeout: 5 * 60_000 }, () => {
+  const defer = cleanups();
+  let root, shelf;
+  before(async () => {
+    root = await tempRoot(defer);
+    shelf = await startShelf(root);
+    defer(() => shelf.stop());
+  });
+
+  test('while it is down the page is dimmed and inert; a URL confirmed meanwhile is refused visibly, not dropped', async (t) => {
+    const page = await openPage((f) => t.after(f), shelf.url);
+    await openMenu(page, 'Downloads');
+    await tool(page, 'Enter URL');
+    const dialog = page.getByRole('dialog');
+    await dialog.getByRole('textbox').fill('http://example.invalid/typed-while-down.zip');
+    await shelf.stop();
+    await page.locator('#banner').waitFor();
+    const offline = await page.evaluate(() => ({
+      inert: ['menu', 'table', 'toolbar'].map((id) => document.getElementById(id).inert),
+      dimmed: Number(getComputedStyle(document.getElementById('table')).opacity) < 1,
+    }));
+    assert.deepEqual(offline, { inert: [true, true, true], dimmed: true });
+    await dialog.getByRole('button', { name: 'OK' }).click();  // the dialog still takes the answer
+
+    shelf = await startShelf(root, [], new URL(shelf.url).port);
+    await page.locator('#banner').waitFor({ state: 'hidden', timeout: 30_000 });
+    const notice = await takeAlert(page);
+    assert.match(notice, /could not be delivered/);
+    assert.match(notice, /typed-while-down\.zip/, 'the typed address is shown, not lost');
+    assert.equal(await page.evaluate(() => document.getElementById('toolbar').inert), false);
+    assert.equal(await page.textContent('#title'), 'Downloads', 'the screen comes back');
+  });
+});

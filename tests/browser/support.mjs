@@ -1,0 +1,253 @@
+// What the browser tests share: a real `shelf serve` on loopback, a small file
+// server in this process, the browser, and ways to read and drive the page.
+import { before, after } from 'node:test';
+import assert from 'node:assert/strict';
+import { spawn } from 'node:child_process';
+import http from 'node:http';
+import { mkdtemp, mkdir, readFile, rm } from 'node:fs/promises';
+import os from 'node:os';
+import path from 'node:path';
+import { createRequire } from 'node:module';
+import { chromium } from 'playwright-core';
+
+export const SHELF = process.env.SHELF_BINARY || new URL('../../build-dev/shelf/shelf', import.meta.url).pathname;
+export const ARTIFACTS = process.env.SHELF_ARTIFACTS_DIR || '/tmp/shelf-artifacts';
+export const LONG = 120_000;  // downloads under ASan are slow
+export const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+export const TIP = 'Manage your downloads through the main menu item';
+export const MARKUP = '<img src=x onerror=window.__pwned=1>.txt';
+
+export let browser;
+// Launches the browser for the test file that calls it.
+export function useBrowser() {
+  before(async () => {
+    await mkdir(ARTIFACTS, { recursive: true });
+    browser = await chromium.launch({ executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox'] });
+  });
+  after(() => browser?.close());
+}
+
+// --- Processes and servers --------------------------------------------------
+
+// A group's cleanups, run last first by its after hook (suite hooks have no t.after here).
+export function cleanups() {
+  const fns = [];
+  after(async () => {
+    const errors = [];
+    while (fns.length) {
+      try { await fns.pop()(); } catch (e) { errors.push(e); }
+    }
+    if (errors.length) throw errors[0];
+  });
+  return (fn) => fns.push(fn);
+}
+
+export async function tempRoot(defer) {
+  const root = await mkdtemp(path.join(os.tmpdir(), 'shelf-host-test-'));
+  defer(() => rm(root, { recursive: true, force: true }));
+  return root;
+}
+
+// `timeout` ends shelf even if this process dies, and passes our SIGTERM on to it.
+// `port`: 0 for any free one, or the one a stopped shelf had (to come back where a page waits).
+export async function startShelf(root, args = [], port = 0) {
+  const env = { ...process.env, LANG: 'C.UTF-8', LC_ALL: 'C.UTF-8', LANGUAGE: '' };
+  const child = spawn('timeout', ['900', SHELF, 'serve', '--root', root, '--port', String(port), ...args],
+    { env, stdio: ['ignore', 'pipe', 'pipe'] });
+  const pid = child.pid;
+  let out = '';
+  child.stdout.on('data', (d) => { out += d; });
+  child.stderr.on('data', (d) => { out += d; });
+  const exited = new Promise((r) => child.once('exit', r));
+  const stop = async () => {
+    if (child.exitCode !== null || child.signalCode !== null) return;
+    process.kill(pid, 'SIGTERM');
+    if (await Promise.race([exited.then(() => true), sleep(15_000)])) return;
+    // Stuck: end shelf itself (its pid is in the root), then the wrapper.
+    const info = await readFile(path.join(root, 'Library', 'Server.json'), 'utf8').catch(() => '{}');
+    if (JSON.parse(info).pid) process.kill(JSON.parse(info).pid, 'SIGKILL');
+    process.kill(pid, 'SIGKILL');
+    await exited;
+  };
+  for (const end = Date.now() + 60_000; ; await sleep(50)) {
+    const m = /shelf: open (http:\/\/\S+)/.exec(out);
+    if (m) return { url: m[1], pid, stop };
+    if (child.exitCode !== null || Date.now() > end) {
+      await stop();
+      throw new Error(`shelf did not start:\n${out}`);
+    }
+  }
+}
+
+// files: name → {body, type, disposition, probeDelayMs, throttle: {bytes, everyMs}, failWith}.
+// failWith: every request but the probe is answered with this status.
+// Honours "Range: bytes=a-b" with 206 + Content-Range; the module probes with bytes=1-1.
+export async function startFileServer(files) {
+  const sockets = new Set(), timers = new Set(), requests = [];
+  const server = http.createServer((req, res) => {
+    const name = decodeURIComponent(new URL(req.url, 'http://x').pathname.slice(1));
+    const f = files[name];
+    requests.push({ name, range: req.headers.range });
+    if (!f) return res.writeHead(404).end();
+    const total = f.body.length;
+    const headers = { 'content-type': f.type ?? 'application/octet-stream' };
+    if (f.disposition) headers['content-disposition'] = f.disposition;
+    let start = 0, end = total - 1, status = 200;
+    const range = /^bytes=(\d+)-(\d*)$/.exec(req.headers.range ?? '');
+    if (range) {
+      [start, end, status] = [Number(range[1]), range[2] ? Math.min(Number(range[2]), total - 1) : total - 1, 206];
+      if (start > end) return res.writeHead(416, { 'content-range': `bytes */${total}` }).end();
+      headers['content-range'] = `bytes ${start}-${end}/${total}`;
+    }
+    headers['content-length'] = end - start + 1;
+    const body = f.body.subarray(start, end + 1);
+    const probe = start === 1 && end === 1;
+    if (f.failWith && !probe) return res.writeHead(f.failWith).end();
+    const send = () => {
+      res.writeHead(status, headers);
+      if (probe || !f.throttle) return res.end(body);
+      let at = 0;
+      const timer = setInterval(() => {
+        if (res.destroyed || at >= body.length) return clearInterval(timer);
+        res.write(body.subarray(at, at += f.throttle.bytes));
+        if (at >= body.length) res.end();
+      }, f.throttle.everyMs);
+      timers.add(timer);
+    };
+    if (probe && f.probeDelayMs) timers.add(setTimeout(send, f.probeDelayMs));
+    else send();
+  });
+  server.on('connection', (s) => { sockets.add(s); s.on('close', () => sockets.delete(s)); });
+  await new Promise((r) => server.listen(0, '127.0.0.1', r));
+  const base = `http://127.0.0.1:${server.address().port}/`;
+  return {
+    url: (name) => base + encodeURIComponent(name),
+    requests,
+    close: () => {
+      for (const t of timers) clearInterval(t);
+      for (const s of sockets) s.destroy();
+      return new Promise((r) => server.close(r));
+    },
+  };
+}
+
+// A raw request: the path goes out as written, and no Origin unless given (fetch may add one).
+export function request(base, { method = 'GET', path: p = '/', headers = {}, body } = {}) {
+  const u = new URL(base);
+  return new Promise((resolve, reject) => {
+    const req = http.request({ host: u.hostname, port: u.port, method, path: p, headers, agent: false }, (res) => {
+      const chunks = [];
+      res.on('data', (c) => chunks.push(c));
+      res.on('end', () => resolve({ status: res.statusCode, text: Buffer.concat(chunks).toString() }));
+    });
+    req.on('upgrade', (res, socket) => { socket.destroy(); resolve({ status: res.statusCode, text: '' }); });
+    req.on('error', reject);
+    req.setTimeout(LONG, () => req.destroy(new Error(`${method} ${p} timed out`)));
+    req.end(body);
+  });
+}
+
+// The host takes changes (anything but GET) only as JSON.
+export async function api(url, method, p, body) {
+  const json = body === undefined ? undefined : JSON.stringify(body);
+  const headers = method === 'GET' ? {} : { 'content-type': 'application/json' };
+  const r = await request(url, { method, path: p, body: json, headers });
+  return { status: r.status, body: r.text ? JSON.parse(r.text) : null };
+}
+
+// Queue records that stay put: nothing starts while downloads are not permitted.
+// Added before any tab connects, so the intake's alert and tip are headless.
+export async function seedQueue(url, files, names, stopped = []) {
+  assert.equal((await api(url, 'PUT', '/api/settings', { downloadsPermitted: false })).status, 200);
+  const ids = [];
+  for (const name of names) {
+    const r = await api(url, 'POST', '/api/downloads', { url: files.url(name) });
+    assert.equal(r.status, 201, JSON.stringify(r.body));
+    ids.push(r.body.download.uniqueId);
+  }
+  for (const i of stopped) assert.equal((await api(url, 'POST', `/api/downloads/${ids[i]}/stop`)).status, 204);
+  return ids;
+}
+
+// --- The page ---------------------------------------------------------------
+
+export const PHONE = { width: 390, height: 844 };
+
+// `options`: more browser context options (colorScheme, ...).
+export async function openPage(defer, url, viewport = { width: 1100, height: 760 }, options = {}) {
+  const context = await browser.newContext({ viewport, ...options });
+  const page = await context.newPage();
+  const errors = [];
+  page.on('pageerror', (e) => errors.push(e.message));
+  defer(async () => {
+    await context.close();
+    assert.deepEqual(errors, [], 'no script errors');
+  });
+  await page.goto(url);
+  await page.waitForSelector('#menu .menu-item');
+  return page;
+}
+
+export async function openMenu(page, title) {
+  // On a narrow screen the menu is a drawer, opened first.
+  const closedDrawer = await page.evaluate(() => getComputedStyle(document.getElementById('menu-button')).display !== 'none'
+    && !document.body.classList.contains('drawer-open'));
+  if (closedDrawer) await page.click('#menu-button');
+  await page.locator('#menu .menu-item').filter({ hasText: new RegExp(`^${title}$`) }).click();
+  await page.waitForFunction((s) => document.getElementById('title').textContent === s, title);
+}
+
+// Retries `probe` until `check` (which asserts) passes; the last failure is reported.
+export async function eventually(probe, check, ms = 30_000) {
+  for (const end = Date.now() + ms; ; await sleep(100)) {
+    const value = await probe();
+    try {
+      check(value);
+      return value;
+    } catch (e) {
+      if (Date.now() > end) throw e;
+    }
+  }
+}
+
+// The rendered rows in order, their labels by style.
+export const rows = (page) => page.$$eval('#table .row[data-row]', (els) => els.map((e) => {
+  const text = (style) => [...e.querySelectorAll(`.v[data-style="${style}"]`)].map((l) => l.textContent);
+  return { row: Number(e.dataset.row), selected: e.classList.contains('selected'), title: text('largeTitle')[0] ?? '',
+    details: text('smallDetail'), status: text('smallTitle')[0] ?? '', texts: text('body') };
+}).sort((a, b) => a.row - b.row));
+export const titles = async (page) => (await rows(page)).map((r) => r.title || r.texts[0]);
+// The toolbar's buttons by accessible name, and whether each is enabled.
+export const tools = (page) => page.getByRole('toolbar').getByRole('button')
+  .evaluateAll((els) => Object.fromEntries(els.map((e) => [e.getAttribute('aria-label'), !e.disabled])));
+export const tool = (page, name) => page.getByRole('toolbar').getByRole('button', { name, exact: true }).click();
+export const selectRow = (page, row) => page.click(`#table .row[data-row="${row}"]`);
+export const shot = (page, name) => page.screenshot({ path: path.join(ARTIFACTS, `${name}.png`) });
+
+export async function enterUrl(page, text) {
+  await tool(page, 'Enter URL');
+  await page.waitForSelector('#dialog[open] .dialog-input');
+  await page.fill('#dialog .dialog-input', text);
+  await page.click('#dialog .dialog-ok');
+}
+
+export async function takeAlert(page) {
+  await page.waitForSelector('#alert[open]', { timeout: LONG });
+  const text = await page.textContent('#alert .alert-text');
+  await page.click('#alert .alert-ok');
+  await page.waitForSelector('#alert[open]', { state: 'detached' });
+  return text;
+}
+
+
+// --- Accessibility ----------------------------------------------------------
+
+const axeSource = await readFile(createRequire(import.meta.url).resolve('axe-core/axe.min.js'), 'utf8');
+
+// axe-core's audit of the page as it is now: each violation with its impact and where.
+export async function audit(page) {
+  if (!(await page.evaluate(() => typeof window.axe === 'object'))) await page.evaluate(axeSource);
+  const result = await page.evaluate(() => window.axe.run(document, { resultTypes: ['violations'] }));
+  return result.violations.map((v) => ({ id: v.id, impact: v.impact, help: v.help,
+    nodes: v.nodes.map((n) => `${n.target.join(' ')} ${n.html.slice(0, 160)} ${n.any?.[0]?.message ?? ''}`) }));
+}
