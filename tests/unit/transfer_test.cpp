@@ -257,16 +257,16 @@ TEST_F(TransferTest, ReconcilesTheTemporaryFileWithThePositionBeforeResuming) {
   struct Case {
     const char* name;
     bool partial;
-    int64_t size, fileLength, position, resumeAt;
+    int64_t size, fileLength, position;
     const char* firstRange;
   } cases[] = {
-      {"bytes appended after the last save are cut off", true, 1000000, 450000, 300000, 300000, "bytes=300000-399999"},
-      {"a short file moves the position back", true, 1000000, 250000, 300000, 250000, "bytes=250000-349999"},
-      {"a missing file starts from the beginning", true, 1000000, -1, 300000, 0, "bytes=0-99999"},
+      {"bytes appended after the last save are cut off", true, 1000000, 450000, 300000, "bytes=300000-399999"},
+      {"a short file moves the position back", true, 1000000, 250000, 300000, "bytes=250000-349999"},
+      {"a missing file starts from the beginning", true, 1000000, -1, 300000, "bytes=0-99999"},
       // Fetched in one request from the start: whatever lies in the file is dropped.
-      {"a small file that lost data starts empty", true, 50000, 20000, 50000, 0, "bytes=0-49999"},
-      {"a small file with junk starts empty", true, 50000, 30000, 0, 0, "bytes=0-49999"},
-      {"a file without ranges starts empty", false, 5000, 3000, 5000, 0, "bytes=0-"},
+      {"a small file that lost data starts empty", true, 50000, 20000, 50000, "bytes=0-49999"},
+      {"a small file with junk starts empty", true, 50000, 30000, 0, "bytes=0-49999"},
+      {"a file without ranges starts empty", false, 5000, 3000, 5000, "bytes=0-"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -280,8 +280,9 @@ TEST_F(TransferTest, ReconcilesTheTemporaryFileWithThePositionBeforeResuming) {
       std::ofstream(tmpPath(r), std::ios::binary) << content;
     }
     probe_ = std::make_shared<LoaderProbe>();
+    // Where it resumed shows in the first range asked for: the position itself
+    // may already have moved on when start() returns.
     auto loader = start(r);
-    EXPECT_EQ(r->position(), c.resumeAt);
     ASSERT_TRUE(finish());
     EXPECT_EQ(probe_->lastError, std::nullopt);
     const auto requested = ranges(path);
