@@ -23,6 +23,11 @@ struct URLRequest {
   explicit URLRequest(URL url) : url(std::move(url)) {}
   URL url;
   std::vector<std::pair<std::string, std::string>> headers;
+  // For a bounded byte range: when the answer is a 206 for exactly that range,
+  // its body may be written straight into this file at the range's first byte
+  // instead of a file of its own (each byte is then written once). Any other
+  // answer goes to a file of its own as usual.
+  std::string rangeDestinationPath;
   void setValue(std::string value, std::string field) { headers.emplace_back(std::move(field), std::move(value)); }
 };
 
@@ -50,6 +55,8 @@ class URLSessionTask {
   // The response head, once it arrived.
   virtual std::optional<HTTPURLResponse> response() const = 0;
   virtual uint64_t taskIdentifier() const = 0;
+  // Body bytes received so far.
+  virtual int64_t countOfBytesReceived() const = 0;
 };
 
 using URLSessionDownloadTask = URLSessionTask;
@@ -60,7 +67,9 @@ class URLSessionDownloadDelegate {
   virtual ~URLSessionDownloadDelegate() = default;
   virtual void didWriteData(URLSession& session, URLSessionDownloadTask& downloadTask, int64_t bytesWritten,
                             int64_t totalBytesWritten, int64_t totalBytesExpectedToWrite) = 0;
-  // The body is in the file at `location`, which is deleted when this returns.
+  // The body is in the file at `location`, which is deleted when this returns;
+  // or, when `location` is the request's rangeDestinationPath, it was written
+  // there in place: countOfBytesReceived() bytes at the range's first byte.
   virtual void didFinishDownloadingToURL(URLSession& session, URLSessionDownloadTask& downloadTask,
                                          const std::string& location) = 0;
   // None on success; otherwise the error's localized description.

@@ -97,6 +97,9 @@ void DFDownloadOperationBasicDataLoader::createNextTask() {
   if (_currentRange.length != 0)
     range += std::to_string(static_cast<long long>(_currentRange.location + _currentRange.length - 1));
   request.setValue(range, "Range");
+  // The engine may write an exact answer straight to its place in the
+  // temporary file; the chunk is then appended by moving position alone.
+  if (downloadOperation()->partialDownloading()) request.rangeDestinationPath = tmpFilePath();
   auto task = _session->downloadTaskWithRequest(request);
   {
     std::lock_guard lock(_taskLock);
@@ -115,20 +118,24 @@ bool DFDownloadOperationBasicDataLoader::checkRange(const std::optional<platform
          static_cast<uint64_t>(range->last) == _currentRange.location + _currentRange.length - 1;
 }
 
-void DFDownloadOperationBasicDataLoader::addChunk(const std::string& path) {
+bool DFDownloadOperationBasicDataLoader::addChunk(const std::string& path) {
   int in = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (in < 0) return;
-  // Not O_APPEND: the kernel copies only into a file opened without it.
+  if (in < 0) return false;
+  bool added = false;
+  // Not O_APPEND: the kernel copies only into a file opened without it. The
+  // chunk goes at position: ranges read ahead may already lie past it.
   int out = ::open(tmpFilePath().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   if (out >= 0) {
-    const off_t start = ::lseek(out, 0, SEEK_END);
+    const off_t start = ::lseek(out, downloadOperation()->position(), SEEK_SET);
     if (start >= 0 && platform::copyFileContents(in, out)) {
+      added = true;
       const off_t end = ::lseek(out, 0, SEEK_CUR);
       if (end > start) platform::startWriteback(out, start, end - start);
     }
     ::close(out);
   }
   ::close(in);
+  return added;
 }
 
 void DFDownloadOperationBasicDataLoader::didWriteData(platform::URLSession&, platform::URLSessionDownloadTask&,
@@ -142,7 +149,8 @@ void DFDownloadOperationBasicDataLoader::didFinishDownloadingToURL(platform::URL
                                                                    platform::URLSessionDownloadTask& downloadTask,
                                                                    const std::string& location) {
   const auto& record = downloadOperation();
-  const int64_t fileSize = fileSizeOrZero(location);
+  const bool inPlace = location == tmpFilePath();
+  const int64_t fileSize = inPlace ? downloadTask.countOfBytesReceived() : fileSizeOrZero(location);
   if (!record->partialDownloading()) {
     platform::FileManager::defaultManager()->moveItemAtPath(location, tmpFilePath());
     record->setPosition(fileSize);
@@ -150,8 +158,8 @@ void DFDownloadOperationBasicDataLoader::didFinishDownloadingToURL(platform::URL
     downloadOperationCompleteWithError(std::nullopt);
     return;
   }
-  if (checkRange(downloadTask.response()) && static_cast<uint64_t>(fileSize) == _currentRange.length) {
-    addChunk(location);
+  if (checkRange(downloadTask.response()) && static_cast<uint64_t>(fileSize) == _currentRange.length &&
+      (inPlace || addChunk(location))) {
     const int64_t position = record->position() + fileSize;
     record->setActualPosition(position);
     record->setPosition(position);
@@ -183,6 +191,7 @@ void DFDownloadOperationBasicDataLoader::downloadOperationUpdated() {
 }
 
 void DFDownloadOperationBasicDataLoader::downloadOperationCompleteWithError(const std::optional<std::string>& error) {
+  if (error) stopAndTrim();
   std::weak_ptr<DFDownloadOperationBasicDataLoader> weak = weak_from_this();
   platform::dispatchAsyncMain([weak, error] {
     auto self = weak.lock();
@@ -219,4 +228,17 @@ void DFDownloadOperationBasicDataLoader::cancel() {
   if (_operationQueue && !_operationQueue->isCurrent()) _operationQueue->waitUntilAllOperationsAreFinished();
   const auto& record = downloadOperation();
   record->setActualPosition(record->position());
+  stopAndTrim();
+}
+
+// Ranges written ahead in place are not part of the file yet. Once the
+// session's tasks are cancelled nothing writes any more, and the file is cut
+// back to position; one that cannot be cut is cut by the next reconcile.
+void DFDownloadOperationBasicDataLoader::stopAndTrim() {
+  if (!_session || !downloadOperation()->partialDownloading()) return;
+  _session->invalidateAndCancel();
+  const int64_t position = downloadOperation()->position();
+  struct stat st;
+  if (::stat(tmpFilePath().c_str(), &st) != 0 || st.st_size <= position) return;
+  if (::truncate(tmpFilePath().c_str(), position) != 0) return;  // the next reconcile cuts it
 }

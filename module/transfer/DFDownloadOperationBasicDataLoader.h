@@ -47,8 +47,11 @@ class DFDownloadOperationBasicDataLoader : public DFDownloadOperationDataLoader,
   void createNextTask();
   // True iff `response` is HTTP and its Content-Range names exactly the range in flight.
   bool checkRange(const std::optional<platform::HTTPURLResponse>& response) const;
-  // Appends the finished chunk at `path` to the temporary file. Errors are not reported.
-  void addChunk(const std::string& path);
+  // Appends the finished chunk at `path` to the temporary file, at position.
+  // False when it could not be written.
+  bool addChunk(const std::string& path);
+  // Cancels every task of the session and cuts the temporary file back to position.
+  void stopAndTrim();
 
   void downloadOperationUpdated();
   void downloadOperationCompleteWithError(const std::optional<std::string>& error);

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "module/platform/FileCopy.h"
 #include "module/platform/FileManager.h"
 
 namespace shelfkit {
@@ -185,7 +186,10 @@ CurlDownloadTask::CurlDownloadTask(std::shared_ptr<CurlURLSession> session, plat
       prefetched_(prefetch.has_value()),
       owned_(!prefetch) {}
 
-CurlDownloadTask::~CurlDownloadTask() { closeBody(); }
+CurlDownloadTask::~CurlDownloadTask() {
+  closeBody();
+  closeDestination();
+}
 
 bool CurlDownloadTask::openBody() {
   if (range_ && range_->length() <= kMemoryBodyLimit) {
@@ -295,6 +299,7 @@ bool CurlDownloadTask::onResponse(const platform::HTTPURLResponse& response) {
     std::lock_guard lock(mutex_);
     response_ = response;
     expected_ = response.expectedContentLength();
+    openDestinationLocked();
     if (prefetched_ && !retried_) {
       // Only the exact answer to the range asked for is kept (or handed over).
       keep = exactTotalLocked().has_value();
@@ -305,7 +310,59 @@ bool CurlDownloadTask::onResponse(const platform::HTTPURLResponse& response) {
   return keep;
 }
 
+void CurlDownloadTask::openDestinationLocked() {
+  closeDestination();
+  if (request_.rangeDestinationPath.empty() || !exactTotalLocked()) return;
+  placeFd_ = ::open(request_.rangeDestinationPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+}
+
+void CurlDownloadTask::closeDestination() {
+  if (placeFd_ >= 0) ::close(placeFd_);
+  placeFd_ = -1;
+}
+
+bool CurlDownloadTask::writeInPlace(const char* data, size_t length) {
+  const uint64_t room = range_->length() - std::min<uint64_t>(range_->length(), static_cast<uint64_t>(written_));
+  const size_t kept = static_cast<size_t>(std::min<uint64_t>(room, length));
+  {
+    // Under the lock, so that no byte reaches the file once cancel() returned.
+    std::lock_guard lock(mutex_);
+    if (cancelRequested_) return false;
+    size_t done = 0;
+    while (done < kept) {
+      const ssize_t n = ::pwrite(placeFd_, data + done, kept - done,
+                                 static_cast<off_t>(range_->first + static_cast<uint64_t>(written_) + done));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return false;
+      done += static_cast<size_t>(n);
+    }
+  }
+  if (kept < length) {
+    // More than was asked for: count one byte too many, so that the receiver
+    // sees a body of the wrong length, and read no further.
+    written_ += static_cast<int64_t>(kept) + 1;
+    overflowed_ = true;
+    return false;
+  }
+  written_ += static_cast<int64_t>(kept);
+  return true;
+}
+
 bool CurlDownloadTask::onBody(const char* data, size_t length) {
+  if (placeFd_ >= 0) {
+    if (!writeInPlace(data, length)) return false;
+  } else if (!writeToBody(data, length)) {
+    return false;
+  }
+  auto now = std::chrono::steady_clock::now();
+  if (owned_ && now - lastReport_ >= kProgressInterval) {
+    lastReport_ = now;
+    reportProgress();
+  }
+  return true;
+}
+
+bool CurlDownloadTask::writeToBody(const char* data, size_t length) {
   if (inMemory_ && range_ && static_cast<uint64_t>(written_) + length > range_->length()) {
     // More than was asked for: keep one byte too many, so that the receiver
     // sees a body of the wrong length, and read no further.
@@ -320,13 +377,7 @@ bool CurlDownloadTask::onBody(const char* data, size_t length) {
     length -= static_cast<size_t>(n);
     written_ += n;
   }
-  if (overflowed_) return false;
-  auto now = std::chrono::steady_clock::now();
-  if (owned_ && now - lastReport_ >= kProgressInterval) {
-    lastReport_ = now;
-    reportProgress();
-  }
-  return true;
+  return !overflowed_;
 }
 
 void CurlDownloadTask::reportProgress(bool final) {
@@ -374,6 +425,7 @@ void CurlDownloadTask::onComplete(CURLcode result, bool cancelled) {
       if (!total) {
         dropped_ = true;
         closeBody();
+        closeDestination();
       }
     } else if (prefetched_ && !total && !cancelled && !cancelRequested_ && !retried_ && emptyBodyLocked()) {
       // A read-ahead answer that went wrong after it was handed over: the
@@ -400,6 +452,7 @@ void CurlDownloadTask::onComplete(CURLcode result, bool cancelled) {
   }
   if (!ok) {
     closeBody();
+    closeDestination();
     completeWithError(localizedDescriptionForCurlError(cancelled ? CURLE_ABORTED_BY_CALLBACK : result));
     return;
   }
@@ -408,6 +461,7 @@ void CurlDownloadTask::onComplete(CURLcode result, bool cancelled) {
 
 bool CurlDownloadTask::emptyBodyLocked() {
   if (fd_ < 0 || ::ftruncate(fd_, 0) != 0 || ::lseek(fd_, 0, SEEK_SET) != 0) return false;
+  closeDestination();
   written_ = 0;
   reported_ = 0;
   expected_ = -1;
@@ -424,13 +478,21 @@ void CurlDownloadTask::deliverBody() {
   std::string path = std::exchange(path_, {});
   const int fd = std::exchange(fd_, -1);
   const bool inMemory = inMemory_;
+  const int placeFd = std::exchange(placeFd_, -1);
   session_->deliver(
-      [self = shared_from_this(), path](platform::URLSessionDownloadDelegate& d, platform::URLSession& s) {
-        d.didFinishDownloadingToURL(s, *self, path);
+      [self = shared_from_this(), path, inPlace = placeFd >= 0](platform::URLSessionDownloadDelegate& d,
+                                                                platform::URLSession& s) {
+        d.didFinishDownloadingToURL(s, *self, inPlace ? self->request_.rangeDestinationPath : path);
       },
-      [path, fd, inMemory] {
+      [path, fd, inMemory, placeFd, first = range_ ? range_->first : 0, length = written_.load()] {
         if (fd >= 0) ::close(fd);
         if (!inMemory) ::unlink(path.c_str());
+        if (placeFd >= 0) {
+          // Bytes written in place start on their way to the disk, off the
+          // engine's thread, so that the flush before placement finds little left.
+          platform::startWriteback(placeFd, static_cast<int64_t>(first), length);
+          ::close(placeFd);
+        }
       });
   completeWithError(std::nullopt);
 }

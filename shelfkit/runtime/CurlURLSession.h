@@ -103,6 +103,7 @@ class CurlDownloadTask : public platform::URLSessionTask, public std::enable_sha
   void cancel() override;
   std::optional<platform::HTTPURLResponse> response() const override;
   uint64_t taskIdentifier() const override { return identifier_; }
+  int64_t countOfBytesReceived() const override { return written_; }
 
   const platform::URLRequest& request() const { return request_; }
   const std::optional<ByteRange>& range() const { return range_; }
@@ -121,6 +122,13 @@ class CurlDownloadTask : public platform::URLSessionTask, public std::enable_sha
   void startTransfer();
   bool onResponse(const platform::HTTPURLResponse& response);
   bool onBody(const char* data, size_t length);
+  // Writes a body that answers exactly the range asked for at its place in
+  // the request's destination file.
+  bool writeInPlace(const char* data, size_t length);
+  bool writeToBody(const char* data, size_t length);
+  // Opens the destination file when the answer qualifies. REQUIRES: mutex_ held.
+  void openDestinationLocked();
+  void closeDestination();
   void onComplete(CURLcode result, bool cancelled);
   void reportProgress(bool final = false);
   // The total size when the response is a 206 for exactly the range asked for. REQUIRES: mutex_ held.
@@ -144,6 +152,7 @@ class CurlDownloadTask : public platform::URLSessionTask, public std::enable_sha
   bool heldUntilResume_ = false;  // adopted after it completed: reports at resume()
   bool cancelRequested_ = false;
   bool retried_ = false;          // a read-ahead request sent again for its owner
+  int placeFd_ = -1;  // the destination file while the body is written in place (writes hold mutex_)
   int64_t reported_ = 0;  // bytes the delegate has been told of
   CurlEngine::TransferId transfer_ = 0;
   std::optional<platform::HTTPURLResponse> response_;

@@ -68,6 +68,7 @@ size_t readAheadDepth(std::chrono::duration<double> roundTrip, double bytesPerSe
 
 platform::URLRequest requestForRange(const platform::URLRequest& request, ByteRange range) {
   platform::URLRequest copy(request.url);
+  copy.rangeDestinationPath = request.rangeDestinationPath;
   for (const auto& [field, value] : request.headers)
     if (!isRange(field)) copy.headers.emplace_back(field, value);
   copy.setValue("bytes=" + std::to_string(range.first) + "-" + std::to_string(range.last), "Range");
@@ -75,7 +76,8 @@ platform::URLRequest requestForRange(const platform::URLRequest& request, ByteRa
 }
 
 bool sameRequest(const platform::URLRequest& a, const platform::URLRequest& b) {
-  return a.url.absoluteString() == b.url.absoluteString() && a.headers == b.headers;
+  return a.url.absoluteString() == b.url.absoluteString() && a.headers == b.headers &&
+         a.rangeDestinationPath == b.rangeDestinationPath;
 }
 
 }  // namespace shelfkit

@@ -237,6 +237,63 @@ TEST_F(TransferTest, ARangeReadAheadThatGoesWrongIsAskedForAgainByTheLoader) {
   }
 }
 
+TEST_F(TransferTest, OnlyAnExactAnswerIsWrittenInPlaceAnyOtherComesInAFileOfItsOwn) {
+  // Records the delivery on the session's queue; the test reads it once completion was seen.
+  struct Delivery : platform::URLSessionDownloadDelegate {
+    void didWriteData(platform::URLSession&, platform::URLSessionDownloadTask&, int64_t, int64_t, int64_t) override {}
+    void didFinishDownloadingToURL(platform::URLSession&, platform::URLSessionDownloadTask& task,
+                                   const std::string& at) override {
+      location = at;
+      received = task.countOfBytesReceived();
+      body = readFile(at);
+    }
+    void didCompleteWithError(platform::URLSession&, platform::URLSessionTask&,
+                              const std::optional<std::string>&) override {
+      done = true;
+    }
+    std::string location, body;
+    int64_t received = -1;
+    std::atomic<bool> done{false};
+  };
+  struct Case {
+    const char* name;
+    Behaviour behaviour;
+    bool inPlace;
+  } cases[] = {
+      {"206 for the range asked for", {.size = 200}, true},
+      {"200 with the whole file", {.size = 200, .honourRange = false}, false},
+      {"206 for another range", {.size = 200, .contentRange = "bytes 0-99/200"}, false},
+  };
+  // The range asked for ends the file, so that nothing is read ahead.
+  const std::string before(200, 'x');
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = std::string("/place-") + std::to_string(&c - cases);
+    const std::string destination = host_.layout().library + path;
+    std::ofstream(destination, std::ios::binary) << before;
+    server_.setRoute(path, c.behaviour);
+    auto delivery = std::make_shared<Delivery>();
+    auto queue = platform::OperationQueue::create(1);
+    auto session = platform::URLSession::sessionWithConfiguration({}, delivery, queue);
+    platform::URLRequest request(*platform::URL::URLWithString(server_.url(path)));
+    request.setValue("bytes=100-199", "Range");
+    request.rangeDestinationPath = destination;
+    session->downloadTaskWithRequest(request)->resume();
+    ASSERT_TRUE(host_.runUntil([&] { return delivery->done.load(); }, 10s));
+    session->invalidateAndCancel();
+    queue->waitUntilAllOperationsAreFinished();
+    if (c.inPlace) {
+      EXPECT_EQ(delivery->location, destination);
+      EXPECT_EQ(delivery->received, 100);
+      EXPECT_TRUE(readFile(destination) == before.substr(0, 100) + TestHttpServer::pattern(100, 100));
+    } else {
+      EXPECT_NE(delivery->location, destination);
+      EXPECT_EQ(delivery->received, static_cast<int64_t>(delivery->body.size()));
+      EXPECT_TRUE(readFile(destination) == before) << "the destination is left alone";
+    }
+  }
+}
+
 TEST_F(TransferTest, AServerThatClosesTheExtraConnectionsIsServedOnOne) {
   server_.setHandler("/one", [](const RecordedRequest& request, int) {
     Behaviour b{.size = 2000000};
