@@ -151,6 +151,17 @@ void DFDownloaderController::cellSelectedAtRow(int64_t, int64_t) { updateButtons
 
 void DFDownloaderController::cellDeselectedAtRow(int64_t, int64_t) { updateButtonsState(); }
 
+std::optional<std::string> DFDownloaderController::modelIdentifierForRow(int64_t row, int64_t) {
+  if (row < 0 || static_cast<size_t>(row) >= _downloadOperations.size()) return std::nullopt;
+  return _downloadOperations[static_cast<size_t>(row)]->uniqueId();
+}
+
+std::optional<platform::IndexPath> DFDownloaderController::indexPathForModelIdentifier(const std::string& identifier) {
+  for (size_t row = 0; row < _downloadOperations.size(); ++row)
+    if (_downloadOperations[row]->uniqueId() == identifier) return platform::IndexPath{static_cast<int64_t>(row), 0};
+  return std::nullopt;
+}
+
 void DFDownloaderController::downloadOperationAdded(DFDownloadManager&, const Record& downloadOperation) {
   const auto n = static_cast<int64_t>(_downloadOperations.size());
   _downloadOperations.push_back(downloadOperation);

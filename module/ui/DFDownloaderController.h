@@ -7,6 +7,8 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "module/core/DFDownloadManagerDelegate.h"
@@ -41,6 +43,9 @@ class DFDownloaderController : public platform::TableScreenController, public DF
   std::shared_ptr<platform::TableViewCell> createCellForRow(int64_t row, int64_t section) override;
   void cellSelectedAtRow(int64_t row, int64_t section) override;
   void cellDeselectedAtRow(int64_t row, int64_t section) override;
+  // A row's download by its unique id, so that a selection outlives a restart.
+  std::optional<std::string> modelIdentifierForRow(int64_t row, int64_t section) override;
+  std::optional<platform::IndexPath> indexPathForModelIdentifier(const std::string& identifier) override;
 
   void downloadOperationAdded(DFDownloadManager& manager, const Record& downloadOperation) override;
   void downloadOperationRemoved(DFDownloadManager& manager, const Record& downloadOperation) override;

@@ -23,6 +23,12 @@ import { Activity } from './activity.js';
 import { Intake } from './intake.js';
 
 const MENU_KEY = 'shelf.menu';
+// The selection of a selectable screen, by its rows' model names, and the host
+// process that had it: a tab that meets a restarted host asks it to select
+// those rows again (rows that are gone are simply not selected).
+const SELECTION_KEY = 'shelf.selection';
+const INSTANCE_KEY = 'shelf.instance';
+let restoreSelection = false;
 const strings = {
   OK: 'OK', Cancel: 'Cancel', Back: 'Back', Menu: 'Menu', Reconnecting: 'Reconnecting\u2026',
   Decrease: 'Decrease', Increase: 'Increase',
@@ -74,7 +80,11 @@ function hello(m) {
   if (typeof m.lang === 'string' && /^[A-Za-z]{2,3}(-[A-Za-z0-9]+)*$/.test(m.lang)) document.documentElement.lang = m.lang;
   bars.setStrings(strings);
   document.title = m.title ?? 'Shelf';
-  dialogs.connected(typeof m.instance === 'string' ? m.instance : '');
+  const instance = typeof m.instance === 'string' ? m.instance : '';
+  dialogs.connected(instance);
+  const known = sessionStorage.getItem(INSTANCE_KEY);
+  restoreSelection = known !== null && known !== instance;
+  sessionStorage.setItem(INSTANCE_KEY, instance);
   const menu = m.menu ?? [];
   bars.setMenu(menu, m.title ?? '');
   const remembered = sessionStorage.getItem(MENU_KEY);
@@ -83,9 +93,25 @@ function hello(m) {
   if (!sharedTaken) { sharedTaken = true; intake.takeShared(); }
 }
 
+function rememberSelection(selectable, keys) {
+  if (selectable === 'none' || !Array.isArray(keys)) return;
+  sessionStorage.setItem(SELECTION_KEY, JSON.stringify({ menu: sessionStorage.getItem(MENU_KEY), keys }));
+}
+
+function restoreAfterRestart(s) {
+  restoreSelection = false;
+  let saved = null;
+  try { saved = JSON.parse(sessionStorage.getItem(SELECTION_KEY) ?? 'null'); } catch { return; }
+  const keys = Array.isArray(saved?.keys) ? saved.keys.filter((k) => typeof k === 'string') : [];
+  if (saved?.menu !== sessionStorage.getItem(MENU_KEY) || keys.length === 0) return;
+  if (s.selectable !== 'none' && (s.selection ?? []).length === 0) send({ t: 'restoreSelection', keys });
+}
+
 function showScreen(s) {
   const same = s.id === screenId;
   screenId = s.id;
+  if (restoreSelection) restoreAfterRestart(s);
+  else rememberSelection(s.selectable ?? 'none', s.selectionKeys);
   if (!same) {
     activity.clear();
     document.getElementById('add-urls-button').hidden = true;
@@ -107,6 +133,7 @@ function patch(m) {
       case 'props': if (!views.patch(op.id, op.props ?? {})) bars.patchTool(op.id, op.props ?? {}); break;
       case 'title': bars.setTitle(op.title); break;
       case 'toolbar': bars.setToolbar(op.items ?? null); break;
+      case 'selection': rememberSelection(table.selectable, op.keys); table.apply(op); break;
       default: table.apply(op);
     }
   }

@@ -1,7 +1,10 @@
 // Losing the connection to the host loses nothing silently.
 import { test, describe, before } from 'node:test';
 import assert from 'node:assert/strict';
-import { cleanups, openMenu, openPage, startShelf, takeAlert, tempRoot, tool, useBrowser } from './support.mjs';
+import {
+  cleanups, eventually, openMenu, openPage, seedQueue, selectRow, startFileServer, startShelf, takeAlert, tempRoot, tool,
+  useBrowser,
+} from './support.mjs';
 
 useBrowser();
 
@@ -36,5 +39,24 @@ describe('a restart of the host', { timeout: 5 * 60_000 }, () => {
     assert.match(notice, /typed-while-down\.zip/, 'the typed address is shown, not lost');
     assert.equal(await page.evaluate(() => document.getElementById('toolbar').inert), false);
     assert.equal(await page.textContent('#title'), 'Downloads', 'the screen comes back');
+  });
+
+  test('the selected downloads are selected again after a restart', async (t) => {
+    const files = await startFileServer({ 'a.zip': { body: Buffer.alloc(10) }, 'b.zip': { body: Buffer.alloc(10) } });
+    t.after(() => files.close());
+    await seedQueue(shelf.url, files, ['a.zip', 'b.zip']);
+    const page = await openPage((f) => t.after(f), shelf.url);
+    await openMenu(page, 'Downloads');
+    const selected = () => page.$$eval('#table .row.selected', (els) => els.map((e) => e.dataset.row));
+    await selectRow(page, 1);
+    await eventually(selected, (rows) => assert.deepEqual(rows, ['1']));
+
+    await shelf.stop();
+    await page.locator('#banner').waitFor();
+    shelf = await startShelf(root, [], new URL(shelf.url).port);
+    await page.locator('#banner').waitFor({ state: 'hidden', timeout: 30_000 });
+    await eventually(selected, (rows) => assert.deepEqual(rows, ['1']));
+    const remove = page.getByRole('toolbar').getByRole('button', { name: 'Remove', exact: true });
+    assert.equal(await remove.isEnabled(), true, 'the toolbar follows the restored selection');
   });
 });

@@ -341,3 +341,24 @@ TEST(Registration, TextsFollowTheChosenLanguageWithEnglishAsFallback) {
 }
 
 }  // namespace
+
+TEST_F(DownloadsScreenTest, ASelectionComesBackOnANewScreenForTheDownloadsStillThere) {
+  auto a = queue("a.zip"), b = queue("b.zip"), c = queue("c.zip");
+  auto before = openScreen();
+  before->userSelectRow(0, 0, true);
+  before->userSelectRow(2, 0, true);
+  EXPECT_EQ(before->snapshot()["selectionKeys"], (nlohmann::json{a->uniqueId(), c->uniqueId()}));
+  const auto selectedButtons = buttons(*before);
+
+  // A new screen, as after a restart, that no longer has a; a name it never
+  // had and a mistyped one select nothing.
+  manager_->removeDownloadOperation(a);
+  auto after = openScreen();
+  after->restoreSelection({a->uniqueId(), "not-a-download", c->uniqueId()});
+  ASSERT_EQ(after->indexPathsForSelectedRows().size(), 1u);
+  EXPECT_EQ(after->downloadOperations().at(after->indexPathsForSelectedRows()[0].row), c);
+  EXPECT_EQ(buttons(*after), selectedButtons) << "restored as taps would, so the toolbar follows";
+  // Only into an empty selection: what the user selected since stays.
+  after->restoreSelection({b->uniqueId()});
+  EXPECT_EQ(after->indexPathsForSelectedRows().size(), 1u);
+}

@@ -262,6 +262,8 @@ TEST(ScreenSession, MessagesWithMissingOrMistypedFieldsChangeNothing) {
       {{"t", "switch"}, {"id", toggle}},
       {{"t", "stepper"}, {"id", stepper}, {"value", "7"}}, {{"t", "stepper"}, {"id", stepper}, {"value", nullptr}},
       {{"t", "stepper"}, {"id", stepper}, {"value", true}},
+      {{"t", "restoreSelection"}, {"keys", "a"}}, {{"t", "restoreSelection"}, {"keys", json::array({1, nullptr})}},
+      {{"t", "restoreSelection"}, {"keys", json::object({{"a", 1}})}}, {{"t", "restoreSelection"}},
       // Ranges at the ends of the integers: no overflow, no thousands of cells.
       {{"t", "viewport"}, {"section", 0}, {"first", INT64_MAX}, {"last", INT64_MAX}},
       {{"t", "viewport"}, {"section", 0}, {"first", INT64_MIN}, {"last", UINT64_MAX}},

@@ -67,6 +67,10 @@ class TableScreenController : public ViewHost, public std::enable_shared_from_th
   virtual std::shared_ptr<TableViewCell> createCellForRow(int64_t row, int64_t section) = 0;
   virtual void cellSelectedAtRow(int64_t /*row*/, int64_t /*section*/) {}
   virtual void cellDeselectedAtRow(int64_t /*row*/, int64_t /*section*/) {}
+  // Stable names for the model objects behind rows, so that a selection can
+  // be brought back after the host restarted: none by default.
+  virtual std::optional<std::string> modelIdentifierForRow(int64_t /*row*/, int64_t /*section*/) { return std::nullopt; }
+  virtual std::optional<IndexPath> indexPathForModelIdentifier(const std::string& /*identifier*/) { return std::nullopt; }
 
   TableView& tableView() { return tableView_; }
   void setTitle(const std::string& title);
@@ -95,6 +99,9 @@ class TableScreenController : public ViewHost, public std::enable_shared_from_th
   void setVisibleRows(int64_t section, int64_t first, int64_t last);
   // The user tapped a row.
   void userSelectRow(int64_t row, int64_t section, bool selected);
+  // Selects, as taps would, the rows of these model identifiers that are
+  // still there; only when nothing is selected yet.
+  void restoreSelection(const std::vector<std::string>& identifiers);
   // A view of a shown cell or of the toolbar, or null.
   View* findView(uint64_t id);
   // The whole screen, and the changes since the last snapshot or patch.
@@ -134,6 +141,7 @@ class TableScreenController : public ViewHost, public std::enable_shared_from_th
   nlohmann::json heightsOf(const Section& section) const;
   nlohmann::json toolbarNode() const;
   nlohmann::json selectionNode() const;
+  nlohmann::json selectionKeysNode();
 
   std::vector<Section> sections_;
   const int64_t style_;

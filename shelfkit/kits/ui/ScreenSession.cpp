@@ -100,10 +100,22 @@ bool ScreenSession::handle(const nlohmann::json& message) {
     back();
     return true;
   }
-  const bool known = *type == "select" || *type == "viewport" || *type == "tap" || *type == "switch" || *type == "stepper";
+  const bool known = *type == "select" || *type == "viewport" || *type == "tap" || *type == "switch" ||
+                     *type == "stepper" || *type == "restoreSelection";
   if (!known || !controller) return known;
   // A message whose fields are missing or of the wrong type is ignored.
-  if (*type == "select") {
+  if (*type == "restoreSelection") {
+    // What a tab remembered of its selection before the host restarted; only
+    // names of a sane size, and not more than a screen's worth of selection.
+    constexpr size_t kMaxKeys = 1000, kMaxKeyLength = 256;
+    const auto* keys = messageField(message, "keys");
+    if (!keys || !keys->is_array() || keys->size() > kMaxKeys) return true;
+    std::vector<std::string> identifiers;
+    for (const auto& key : *keys)
+      if (key.is_string() && key.get_ref<const std::string&>().size() <= kMaxKeyLength)
+        identifiers.push_back(key.get<std::string>());
+    controller->restoreSelection(identifiers);
+  } else if (*type == "select") {
     const auto row = integerField(message, "row"), section = integerField(message, "section");
     const auto selected = boolField(message, "selected");
     if (row && section && selected) controller->userSelectRow(*row, *section, *selected);

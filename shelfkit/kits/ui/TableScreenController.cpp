@@ -203,6 +203,15 @@ void TableScreenController::userSelectRow(int64_t row, int64_t section, bool sel
   cellSelectedAtRow(row, section);
 }
 
+void TableScreenController::restoreSelection(const std::vector<std::string>& identifiers) {
+  DCHECK_ON_MAIN();
+  if (!selection_.empty()) return;
+  for (const auto& identifier : identifiers) {
+    const auto path = indexPathForModelIdentifier(identifier);
+    if (path) userSelectRow(path->row, path->section, true);
+  }
+}
+
 // --- Row changes ----------------------------------------------------------
 
 void TableScreenController::insertRows(const std::vector<int64_t>& rows, int64_t number) {
@@ -340,6 +349,13 @@ nlohmann::json TableScreenController::selectionNode() const {
   return rows;
 }
 
+nlohmann::json TableScreenController::selectionKeysNode() {
+  nlohmann::json keys = nlohmann::json::array();
+  for (const auto& path : selection_)
+    if (auto key = modelIdentifierForRow(path.row, path.section)) keys.push_back(std::move(*key));
+  return keys;
+}
+
 namespace {
 
 void collect(View& view, std::map<uint64_t, View*>& views) {
@@ -361,7 +377,8 @@ nlohmann::json TableScreenController::snapshot() {
   const char* selectable =
       !tableView_.allowsSelection_ ? "none" : tableView_.allowsMultipleSelection_ ? "multiple" : "single";
   nlohmann::json screen = {{"title", title_},         {"toolbar", toolbarNode()}, {"selectable", selectable},
-                           {"sections", sections},    {"selection", selectionNode()}};
+                           {"sections", sections},    {"selection", selectionNode()},
+                           {"selectionKeys", selectionKeysNode()}};
   // Everything is in the snapshot: nothing is pending any more.
   std::map<uint64_t, View*> shown;
   for (auto& section : sections_)
@@ -410,7 +427,7 @@ nlohmann::json TableScreenController::takePatchOps() {
       item->takeChangedProps();
     }
   }
-  if (selectionChanged_) ops.push_back({{"op", "selection"}, {"rows", selectionNode()}});
+  if (selectionChanged_) ops.push_back({{"op", "selection"}, {"rows", selectionNode()}, {"keys", selectionKeysNode()}});
 
   std::map<uint64_t, View*> shown;
   for (auto& section : sections_)
