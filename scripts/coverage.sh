@@ -26,7 +26,7 @@ ctest --output-on-failure -j "$(nproc)" --timeout 600 -E '^soak' ${COVERAGE_TEST
 
 filters=(--root "$here" --filter "$here/module/" --filter "$here/shelfkit/" --filter "$here/shelf/"
          --exclude-unreachable-branches --exclude-throw-branches)
-if [[ -n "${COVERAGE_FILES:-}" ]]; then
-  gcovr "${filters[@]}" "$build" --txt
-fi
-gcovr "${filters[@]}" "$build" --txt-summary --txt /dev/null
+# One line per file with COVERAGE_FILES set; the summary in any case.
+report=/dev/null
+[[ -n "${COVERAGE_FILES:-}" ]] && report=/dev/stdout
+gcovr "${filters[@]}" "$build" --print-summary --txt "$report"
