@@ -1,5 +1,6 @@
 #include "shelfkit/runtime/MainLoop.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -49,8 +50,12 @@ bool MainLoop::runUntil(const std::function<bool()>& condition, std::chrono::mil
   // replies from worker threads (a playlist's next packet, say) often follow
   // at once, and waking a sleeping thread costs more than the wait. The wait
   // watches the post counter, not the io_context: polling that takes its
-  // lock, which the worker about to post then has to wait for.
+  // lock, which the worker about to post then has to wait for. Waits that
+  // keep finding nothing (a loader whose replies come a chunk apart) are
+  // made less often, so that they do not take a core from the workers.
   constexpr auto kSpin = std::chrono::microseconds(50);
+  constexpr int kMaxSkipShift = 6;
+  int misses = 0, skip = 0;
   while (!condition()) {
     const auto now = std::chrono::steady_clock::now();
     if (now >= deadline) return condition();
@@ -62,11 +67,21 @@ bool MainLoop::runUntil(const std::function<bool()>& condition, std::chrono::mil
                               std::chrono::milliseconds(5), deadline - now));
     }
     if (handled == 0) continue;
+    if (skip > 0) {
+      --skip;
+      continue;
+    }
     // Whatever was posted while the handlers ran is run by the next poll.
     const uint64_t seen = posted_.load(std::memory_order_acquire);
     const auto until = std::chrono::steady_clock::now() + kSpin;
     while (posted_.load(std::memory_order_acquire) == seen && std::chrono::steady_clock::now() < until &&
            !condition()) {
+    }
+    if (posted_.load(std::memory_order_acquire) != seen) {
+      misses = 0;
+    } else {
+      misses = std::min(misses + 1, kMaxSkipShift);
+      skip = (1 << misses) - 1;
     }
   }
   return true;
