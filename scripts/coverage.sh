@@ -26,7 +26,8 @@ ctest --output-on-failure -j "$(nproc)" --timeout 600 -E '^soak' ${COVERAGE_TEST
 
 filters=(--root "$here" --filter "$here/module/" --filter "$here/shelfkit/" --filter "$here/shelf/"
          --exclude-unreachable-branches --exclude-throw-branches)
-# One line per file with COVERAGE_FILES set; the summary in any case.
-report=/dev/null
-[[ -n "${COVERAGE_FILES:-}" ]] && report=/dev/stdout
+# One line per file with COVERAGE_FILES set; the summary in any case. (gcovr
+# replaces its output file, so it never writes to a device such as /dev/null.)
+report="$build/coverage.txt"
 gcovr "${filters[@]}" "$build" --print-summary --txt "$report"
+[[ -z "${COVERAGE_FILES:-}" ]] || cat "$report"
