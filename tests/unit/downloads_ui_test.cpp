@@ -78,15 +78,21 @@ std::vector<bool> buttons(DFDownloaderController& screen) {
           screen.deselectAllButton().isEnabled(), screen.enterUrlButton().isEnabled()};
 }
 
-TEST_F(DownloadsScreenTest, ButtonsFollowTheSelection) {
+TEST_F(DownloadsScreenTest, ButtonsFollowTheSelectionAndActOnIt) {
   auto empty = openScreen();
   EXPECT_EQ(buttons(*empty), (std::vector<bool>{false, false, false, false, false, true}));
   EXPECT_EQ(empty->title(), "Downloads");
   EXPECT_EQ(empty->heightForRow(0, 0), 60.0);
 
-  auto a = queue("a.zip"), b = queue("b.zip"), c = queue("c.zip");
+  auto a = queue("a.zip"), b = queue("b.zip");
   manager_->setActive(false, b);
   auto screen = openScreen();
+  screen->userSelectRow(0, 0, true);
+  auto c = queue("c.zip");
+  EXPECT_EQ(names(*screen), (std::vector<std::string>{"a.zip", "b.zip", "c.zip"})) << "added rows join the bottom";
+  EXPECT_EQ(screen->rowCount(0), 3);
+  ASSERT_EQ(screen->indexPathsForSelectedRows().size(), 1u) << "an addition keeps the selection";
+  EXPECT_EQ(screen->indexPathsForSelectedRows()[0].row, 0);
   struct Case {
     std::vector<int64_t> selected;
     std::vector<bool> enabled;
@@ -105,19 +111,14 @@ TEST_F(DownloadsScreenTest, ButtonsFollowTheSelection) {
   }
   screen->deselectAllButton().tap();
   EXPECT_TRUE(screen->indexPathsForSelectedRows().empty());
-  EXPECT_EQ(buttons(*screen), (std::vector<bool>{false, false, false, true, false, true}));
-}
 
-TEST_F(DownloadsScreenTest, StartAndStopActOnTheSelectedRowsThenClearTheSelection) {
-  auto a = queue("a.zip"), b = queue("b.zip"), c = queue("c.zip");
-  for (const auto& op : {a, b, c}) manager_->setActive(false, op);
-  auto screen = openScreen();
+  // Start and stop act on the selected rows, then clear the selection.
+  manager_->setActive(false, a);
   screen->selectAllButton().tap();
   EXPECT_EQ(screen->indexPathsForSelectedRows().size(), 3u);
   screen->startButton().tap();
   EXPECT_TRUE(a->active() && b->active() && c->active());
   EXPECT_TRUE(screen->indexPathsForSelectedRows().empty());
-
   screen->userSelectRow(2, 0, true);
   screen->stopButton().tap();
   EXPECT_TRUE(a->active() && b->active());
@@ -155,19 +156,6 @@ TEST_F(DownloadsScreenTest, RemoveAsksFirstAndDeletesTheSelectedRowsOnlyWhenConf
   EXPECT_EQ(manager_->downloadOperations().size(), 2u);
 }
 
-TEST_F(DownloadsScreenTest, AddedDownloadsAppearAtTheBottomAndTheSelectionStays) {
-  queue("a.zip");
-  queue("b.zip");
-  auto screen = openScreen();
-  screen->userSelectRow(0, 0, true);
-  queue("c.zip");
-  EXPECT_EQ(names(*screen), (std::vector<std::string>{"a.zip", "b.zip", "c.zip"}));
-  EXPECT_EQ(screen->rowCount(0), 3);
-  ASSERT_EQ(screen->indexPathsForSelectedRows().size(), 1u);
-  EXPECT_EQ(screen->indexPathsForSelectedRows()[0].row, 0);
-  EXPECT_TRUE(screen->selectAllButton().isEnabled());
-}
-
 TEST_F(DownloadsScreenTest, EnteredTextGoesToTheManagerOrShowsIncorrectURL) {
   auto screen = openScreen();
   screen->enterUrlButton().tap();
@@ -186,9 +174,7 @@ TEST_F(DownloadsScreenTest, EnteredTextGoesToTheManagerOrShowsIncorrectURL) {
   EXPECT_EQ(names(*screen), std::vector<std::string>{"typed.zip"});
 }
 
-class RowCellTest : public DownloadsScreenTest {};
-
-TEST_F(RowCellTest, ProgressTextBarAndStatus) {
+TEST_F(DownloadsScreenTest, RowCellProgressTextBarAndStatus) {
   auto op = queue("a.zip");
   auto other = queue("b.zip");
   auto cell = DFDownloadOperationTableViewCell::initWithStyle(0, DFDownloadOperationTableViewCell::kReuseIdentifier);
@@ -229,7 +215,7 @@ TEST_F(RowCellTest, ProgressTextBarAndStatus) {
   EXPECT_EQ(cell->progressLabel().text(), "50 bytes / 100 bytes (50%)");
 }
 
-TEST_F(RowCellTest, ShowsDownloadingWhileATransferRuns) {
+TEST_F(DownloadsScreenTest, RowCellShowsDownloadingWhileATransferRuns) {
   server_.setRoute("/slow.zip", {.size = 4 << 20, .stallAtByte = 1 << 20});
   auto op = queue("slow.zip");
   auto cell = DFDownloadOperationTableViewCell::initWithStyle(0, DFDownloadOperationTableViewCell::kReuseIdentifier);
@@ -241,9 +227,8 @@ TEST_F(RowCellTest, ShowsDownloadingWhileATransferRuns) {
   ASSERT_TRUE(host_.runUntil([&] { return cell->statusLabel().text() == "queued"; }));
 }
 
-class SettingsPageTest : public DownloadsScreenTest {};
-
-TEST_F(SettingsPageTest, TheSwitchCollapsesAndExpandsThePage) {
+TEST_F(DownloadsScreenTest, SettingsPageFollowsItsSwitchesAndKeepsTheCountWithinOneToTen) {
+  manager_->setMaxActiveDownloadCount(4);
   auto page = std::make_shared<DFSettingsController>();
   page->loadView();
   EXPECT_EQ(page->rowCount(0), 1);
@@ -258,41 +243,27 @@ TEST_F(SettingsPageTest, TheSwitchCollapsesAndExpandsThePage) {
   EXPECT_EQ(cellular->textLabel().text(), "Use Cellular Data");
   cellular->switchView().userSetOn(false);
   EXPECT_FALSE(manager_->useCellularData());
-
-  permitted->switchView().userSetOn(false);
-  EXPECT_FALSE(manager_->downloadsPermitted());
-  EXPECT_EQ(page->rowCount(0), 1);
-  EXPECT_EQ(page->cellAtRow(1, 0), nullptr);
-  EXPECT_EQ(page->createCellForRow(3, 0), nullptr);
-}
-
-TEST_F(SettingsPageTest, TheStepperShowsAndStoresTheCountWithinOneToTen) {
-  manager_->setDownloadsPermitted(true);
-  manager_->setMaxActiveDownloadCount(4);
-  auto defaults = platform::UserDefaults::standardUserDefaults();
-  defaults->removeObjectForKey(DFDownloadManager::kMaxActiveDownloadCountPreference);
-  ASSERT_FALSE(defaults->objectForKey(DFDownloadManager::kMaxActiveDownloadCountPreference));
-  manager_->setMaxActiveDownloadCount(4);
-
-  auto page = std::make_shared<DFSettingsController>();
-  page->loadView();
   auto stepper = std::static_pointer_cast<platform::StepperCell>(page->cellAtRow(2, 0));
   EXPECT_EQ(stepper->textLabel().text(), "Active Downloads Count");
   EXPECT_EQ(stepper->stepperLabel().text(), "4") << "shown without any action";
-
   for (int press = 0; press < 12; ++press) stepper->stepper().userSetValue(stepper->stepper().value() + 1);
   EXPECT_EQ(stepper->stepperLabel().text(), "10");
   EXPECT_EQ(manager_->maxActiveDownloadCount(), 10);
   for (int press = 0; press < 12; ++press) stepper->stepper().userSetValue(stepper->stepper().value() - 1);
   EXPECT_EQ(stepper->stepperLabel().text(), "1");
   EXPECT_EQ(manager_->maxActiveDownloadCount(), 1);
-}
 
-TEST_F(SettingsPageTest, ShowingTheStepperStoresTheDefaultCountExplicitly) {
-  manager_->setDownloadsPermitted(true);
+  permitted->switchView().userSetOn(false);
+  EXPECT_FALSE(manager_->downloadsPermitted());
+  EXPECT_EQ(page->rowCount(0), 1);
+  EXPECT_EQ(page->cellAtRow(1, 0), nullptr);
+  EXPECT_EQ(page->createCellForRow(3, 0), nullptr);
+
+  // With no stored count a page shows the default, and stores it explicitly.
   auto defaults = platform::UserDefaults::standardUserDefaults();
   defaults->removeObjectForKey(DFDownloadManager::kMaxActiveDownloadCountPreference);
-  auto page = std::make_shared<DFSettingsController>();
+  manager_->setDownloadsPermitted(true);
+  page = std::make_shared<DFSettingsController>();
   page->loadView();
   EXPECT_EQ(std::static_pointer_cast<platform::StepperCell>(page->cellAtRow(2, 0))->stepperLabel().text(), "3");
   auto stored = defaults->objectForKey(DFDownloadManager::kMaxActiveDownloadCountPreference);
@@ -305,24 +276,19 @@ TEST(Registration, LoadingTheModuleRegistersOneEntryEach) {
   for (const auto& entry : platform::SideMenuRegistry::sharedInstance()->menuItems())
     if (entry->title() == "Downloads") downloads.push_back(entry);
   ASSERT_EQ(downloads.size(), 1u);
-  EXPECT_EQ(downloads[0]->priority(), 40);
-  EXPECT_EQ(downloads[0]->iconName(), "DFDownloadsMenuItem");
-  EXPECT_EQ(downloads[0]->accessibilityLabel(), "Downloader");
-  EXPECT_EQ(downloads[0]->presentationStyle(), 0);
-  EXPECT_EQ(downloads[0]->controllerClass().name, "DFDownloaderController");
-
+  const auto& menu = *downloads[0];
+  EXPECT_EQ(std::tuple(menu.priority(), menu.iconName(), menu.accessibilityLabel(), menu.presentationStyle(),
+                       menu.controllerClass().name),
+            std::tuple(40, "DFDownloadsMenuItem", "Downloader", 0, "DFDownloaderController"));
   auto settings = platform::SettingsRegistry::sharedInstance()->settingItems();
   ASSERT_EQ(settings.size(), 1u);
-  EXPECT_EQ(settings[0]->title(), "Downloads");
-  EXPECT_EQ(settings[0]->priority(), 6);
-  EXPECT_EQ(settings[0]->controllerClass().name, "DFSettingsController");
-
+  EXPECT_EQ(std::tuple(settings[0]->title(), settings[0]->priority(), settings[0]->controllerClass().name),
+            std::tuple("Downloads", 6, "DFSettingsController"));
   auto sources = platform::RecentItemsRegistry::sharedInstance()->sources();
-  ASSERT_EQ(sources.size(), 1u);
-  EXPECT_EQ(sources[0], DFRecentItemsSource::sharedInstance());
+  EXPECT_EQ(sources, decltype(sources){DFRecentItemsSource::sharedInstance()});
 
   // The images the screens use are in the module's bundle.
-  auto bundle = platform::Bundle::bundleWithIdentifier(downloads[0]->iconBundle());
+  auto bundle = platform::Bundle::bundleWithIdentifier(menu.iconBundle());
   ASSERT_TRUE(bundle);
   for (const char* image : {"DFStart", "DFStop", "DFRemove", "DFSelect", "DFDeselect", "DFEnterUrl",
                             "DFDownloadsMenuItem", "DFRecentItems"})
