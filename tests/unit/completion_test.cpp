@@ -42,20 +42,18 @@ class CompletionTest : public ::testing::Test {
 
 TEST_F(CompletionTest, CollisionsGetTheNextFreeNumber) {
   fs::create_directory(documents_ + "/folder.txt");
-  struct Step {
-    const char* output;
-    const char* placedAs;
-  } steps[] = {
+  // The output name of each finished record, and where it is placed.
+  const std::pair<const char*, const char*> steps[] = {
       {"a.mp3", "a.mp3"}, {"a.mp3", "a(1).mp3"}, {"a.mp3", "a(2).mp3"}, {"notes", "notes"},
       {"notes", "notes(1)"}, {"folder.txt", "folder(1).txt"}, {"archive.tar.gz", "archive.tar.gz"},
       {"archive.tar.gz", "archive.tar(1).gz"},
   };
-  for (const auto& step : steps) {
-    SCOPED_TRACE(step.output);
-    const std::string content = std::string("content of ") + step.placedAs;
-    auto r = finished(step.output, content);
+  for (const auto& [output, placedAs] : steps) {
+    SCOPED_TRACE(output);
+    const std::string content = std::string("content of ") + placedAs;
+    auto r = finished(output, content);
     manager_->completeDownloadOperation(r, std::nullopt);
-    EXPECT_EQ(readFile(documents_ + "/" + step.placedAs), content);
+    EXPECT_EQ(readFile(documents_ + "/" + placedAs), content);
     EXPECT_FALSE(fs::exists(DFDownloadManager::tmpFilePathForFilename(r->uniqueId())));
   }
   auto items = DFRecentItemsSource::sharedInstance()->items();

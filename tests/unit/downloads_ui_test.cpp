@@ -93,21 +93,19 @@ TEST_F(DownloadsScreenTest, ButtonsFollowTheSelectionAndActOnIt) {
   EXPECT_EQ(screen->rowCount(0), 3);
   ASSERT_EQ(screen->indexPathsForSelectedRows().size(), 1u) << "an addition keeps the selection";
   EXPECT_EQ(screen->indexPathsForSelectedRows()[0].row, 0);
-  struct Case {
-    std::vector<int64_t> selected;
-    std::vector<bool> enabled;
-  } cases[] = {
+  // Selected rows, and the buttons they enable.
+  const std::pair<std::vector<int64_t>, std::vector<bool>> cases[] = {
       {{}, {false, false, false, true, false, true}},
       {{0}, {false, true, true, true, true, true}},       // one active: stop
       {{1}, {true, false, true, true, true, true}},       // one inactive: start
       {{0, 1}, {true, true, true, true, true, true}},     // both kinds: both
       {{0, 1, 2}, {true, true, true, false, true, true}}, // every row: no select all
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(::testing::PrintToString(c.selected));
+  for (const auto& [selected, enabled] : cases) {
+    SCOPED_TRACE(::testing::PrintToString(selected));
     for (const auto& path : screen->indexPathsForSelectedRows()) screen->userSelectRow(path.row, 0, false);
-    for (int64_t row : c.selected) screen->userSelectRow(row, 0, true);
-    EXPECT_EQ(buttons(*screen), c.enabled);
+    for (int64_t row : selected) screen->userSelectRow(row, 0, true);
+    EXPECT_EQ(buttons(*screen), enabled);
   }
   screen->deselectAllButton().tap();
   EXPECT_TRUE(screen->indexPathsForSelectedRows().empty());
@@ -182,24 +180,21 @@ TEST_F(DownloadsScreenTest, RowCellProgressTextBarAndStatus) {
   EXPECT_EQ(cell->filenameLabel().text(), "a.zip");
   EXPECT_EQ(cell->urlLabel().text(), server_.url("/a.zip"));
 
-  struct Case {
-    int64_t size, position;
-    const char* text;
-    double bar;
-  } cases[] = {
+  // Size, position, the text and the bar's value they show.
+  const std::tuple<int64_t, int64_t, const char*, double> cases[] = {
       {0, 0, "0 bytes / ?", 1.0},
       {0, 2500, "2.5 KB / ?", 1.0},
       {1000, 999, "999 bytes / 1.00 KB (99%)", static_cast<double>(999.0f / 1000.0f)},
       {3, 1, "1 byte / 3 bytes (33%)", static_cast<double>(1.0f / 3.0f)},
       {100, 150, "150 bytes / 100 bytes (150%)", 1.5},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    op->setSize(c.size);
-    op->setActualPosition(c.position);
+  for (const auto& [size, position, text, bar] : cases) {
+    SCOPED_TRACE(text);
+    op->setSize(size);
+    op->setActualPosition(position);
     cell->updateInfo();
-    EXPECT_EQ(cell->progressLabel().text(), c.text);
-    EXPECT_DOUBLE_EQ(cell->progressView().progress(), c.bar);
+    EXPECT_EQ(cell->progressLabel().text(), text);
+    EXPECT_DOUBLE_EQ(cell->progressView().progress(), bar);
   }
   EXPECT_EQ(cell->statusLabel().text(), "queued") << "active, but no transfer runs (downloads are not permitted)";
   manager_->setActive(false, op);

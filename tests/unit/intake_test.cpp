@@ -46,10 +46,8 @@ class IntakeTest : public ::testing::Test {
 };
 
 TEST_F(IntakeTest, RefusalsShowTheirMessageQueueNothingAndRequestOneAdvertisement) {
-  struct Host {
-    const char* url;
-    bool forbidden;
-  } hosts[] = {
+  // Whether each URL's host is one whose terms forbid downloading.
+  const std::pair<const char*, bool> hosts[] = {
       {"https://WWW.YouTube.com/watch?v=1", true},
       {"http://r3---sn-xyz.googlevideo.com/videoplayback", true},
       {"https://m.SoundCloud.com/a/b", true},
@@ -57,30 +55,28 @@ TEST_F(IntakeTest, RefusalsShowTheirMessageQueueNothingAndRequestOneAdvertisemen
       {"https://myyoutubefan.example/x", true},
       {"http://127.0.0.1:1/vimeo/youtube.zip", false},
   };
-  for (const auto& h : hosts) {
-    SCOPED_TRACE(h.url);
-    EXPECT_EQ(DFDownloadManager::forbiddenURL(*platform::URL::URLWithString(h.url)), h.forbidden);
+  for (const auto& [url, forbidden] : hosts) {
+    SCOPED_TRACE(url);
+    EXPECT_EQ(DFDownloadManager::forbiddenURL(*platform::URL::URLWithString(url)), forbidden);
   }
   server_.setRoute("/song.mp3", {.size = 5000});
   const std::string forbidden = "Download from this website is prohibited by its terms of use";
   const std::string media = "Downloading of media content is prohibited";
-  struct Case {
-    std::string url, message;
-    std::vector<std::string> shown;
-  } cases[] = {
+  // URL, the message the intake ends with, what the overlay shows.
+  const std::tuple<std::string, std::string, std::vector<std::string>> cases[] = {
       // A forbidden host is refused before any request.
       {"https://media.YOUTUBE.com/clip", forbidden, {"alert: " + forbidden}},
       {server_.url("/song.mp3"), media, {"message: Checking URL...", "alert: " + media}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.url);
+  for (const auto& [url, message, shown] : cases) {
+    SCOPED_TRACE(url);
     host_.overlay().events.clear();
     const int ads = host_.ads().requests;
-    auto outcome = add(c.url);
+    auto outcome = add(url);
     ASSERT_TRUE(wait(outcome));
     EXPECT_EQ(outcome->record, nullptr);
-    EXPECT_EQ(outcome->message, c.message);
-    EXPECT_EQ(host_.overlay().events, c.shown);
+    EXPECT_EQ(outcome->message, message);
+    EXPECT_EQ(host_.overlay().events, shown);
     EXPECT_EQ(host_.ads().requests, ads + 1);
   }
   EXPECT_TRUE(manager_->downloadOperations().empty());

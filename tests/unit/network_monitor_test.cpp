@@ -15,11 +15,8 @@ TEST(Reachability, ClassifiesDefaultRoutesByTheirInterface) {
       {5, "ppp0", true},    {6, "eth1", false}, {7, "enp3s0", true}, {8, "wwan1", false},
       {9, "vppp0", true},   {10, "wlp2s0", true},
   };
-  struct Case {
-    const char* name;
-    std::vector<int> defaults;
-    Reachability expected;
-  } cases[] = {
+  // What the case shows, the interfaces of the default routes, the reachability.
+  const std::tuple<const char*, std::vector<int>, Reachability> cases[] = {
       {"no default route", {}, {false, false}},
       {"wired Ethernet counts as Wi-Fi", {2}, {true, true}},
       {"Wi-Fi", {3}, {true, true}},
@@ -35,9 +32,9 @@ TEST(Reachability, ClassifiesDefaultRoutesByTheirInterface) {
       {"a name with ppp inside", {9}, {true, true}},
       {"Wi-Fi with a predictable name", {10}, {true, true}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(shelfkit::classifyReachability(c.defaults, links), c.expected);
+  for (const auto& [name, defaults, expected] : cases) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(shelfkit::classifyReachability(defaults, links), expected);
   }
 }
 

@@ -32,20 +32,17 @@ TEST(DownloadOperation, FreshRecordHasItsOwnCanonicalUUIDAndNothingElseSet) {
 TEST(DownloadOperation, RoundTripWritesTheNineKeysInOrderKeepsArchivedFieldsAndResetsTheOthers) {
   const std::vector<std::string> keys = {"url",  "uniqueId", "position", "priority", "filename", "outputFilename",
                                          "size", "active",   "partialDownloading"};
-  struct Case {
-    const char* name;
-    Fields set;
-  } cases[] = {
+  const std::pair<const char*, Fields> cases[] = {
       {"midway", {1048576, 1500000, 5000000, 7, "a.bin", "a.bin", true, true}},
       {"never named", {}},
       {"empty names stay empty", {0, 10, 0, 2, "", "", true, false}},
       {"unknown size", {4096, 8192, 0, 1, "stream.m3u8", "stream.mov", true, false}},
       {"large values", {INT64_MAX - 1, INT64_MAX, INT64_MAX, -5, "ü ñ.txt", "名前.txt", false, true}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, set] : cases) {
+    SCOPED_TRACE(name);
     auto record = DFDownloadOperation::initWithURL(url("http://host.test/p?q=1"));
-    const auto& [position, actualPosition, size, priority, filename, outputFilename, active, partial] = c.set;
+    const auto& [position, actualPosition, size, priority, filename, outputFilename, active, partial] = set;
     record->setPosition(position);
     record->setActualPosition(actualPosition);
     record->setSize(size);
@@ -68,7 +65,7 @@ TEST(DownloadOperation, RoundTripWritesTheNineKeysInOrderKeepsArchivedFieldsAndR
     EXPECT_NE(back, record);
     EXPECT_EQ(back->url(), record->url());
     EXPECT_EQ(back->uniqueId(), record->uniqueId());
-    Fields expected = c.set;
+    Fields expected = set;
     std::get<1>(expected) = position;  // bytes in flight are forgotten
     EXPECT_EQ(fields(*back), expected);
     EXPECT_FALSE(back->retryDate()) << "a pending retry wait does not survive";
@@ -102,12 +99,8 @@ TEST(DownloadOperation, ArchivesThatCannotBeDecodedYieldNoRecord) {
 // Archives this program writes are read without a JSON tree; anything else
 // any JSON writer could produce must read exactly as before.
 TEST(DownloadOperation, ArchivesInAnyJSONFormReadTheSame) {
-  struct Case {
-    const char* data;
-    bool failed;
-    int64_t position;
-    std::optional<std::string> filename;
-  } cases[] = {
+  // The archive, whether reading it fails, the position and file name read from it.
+  const std::tuple<const char*, bool, int64_t, std::optional<std::string>> cases[] = {
       {R"({"position":{"int64":7},"filename":{"string":"a.bin"}})", false, 7, "a.bin"},
       {R"( { "position" : { "int64" : 7 } } )", false, 7, std::nullopt},
       {R"({"filename":{"string":"caf\u00e9 \"x\".bin"}})", false, 0, "caf\xc3\xa9 \"x\".bin"},
@@ -127,12 +120,12 @@ TEST(DownloadOperation, ArchivesInAnyJSONFormReadTheSame) {
       {R"({"position":{"int64":7})", true, 0, std::nullopt},
       {"7", true, 0, std::nullopt},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.data);
-    auto coder = platform::KeyedUnarchiver::fromData(c.data);
-    EXPECT_EQ(coder.decodeInt64ForKey("position"), c.position);
-    EXPECT_EQ(coder.decodeStringForKey("filename"), c.filename);
-    EXPECT_EQ(coder.failed(), c.failed);
+  for (const auto& [data, failed, position, filename] : cases) {
+    SCOPED_TRACE(data);
+    auto coder = platform::KeyedUnarchiver::fromData(data);
+    EXPECT_EQ(coder.decodeInt64ForKey("position"), position);
+    EXPECT_EQ(coder.decodeStringForKey("filename"), filename);
+    EXPECT_EQ(coder.failed(), failed);
   }
 }
 

@@ -114,12 +114,10 @@ TEST(TableScreen, PatchesCarryRowChangesBeforeTheCellsOfTheNewRows) {
   controller->selectCellAtRow(3, 0);
   auto ops = controller->takePatchOps();
   ASSERT_EQ(ops.size(), 3u) << ops.dump();
-  EXPECT_EQ(ops[0]["op"], "insertRows");
-  EXPECT_EQ(ops[0]["rows"], nlohmann::json::parse("[3]"));
+  EXPECT_EQ(ops[0], nlohmann::json::parse(R"({"op": "insertRows", "section": 0, "rows": [3], "heights": [44.0]})"));
   EXPECT_EQ(ops[1]["op"], "cells");
   EXPECT_EQ(ops[1]["cells"][0]["row"], 3);
-  EXPECT_EQ(ops[2]["op"], "selection");
-  EXPECT_EQ(ops[2]["rows"], nlohmann::json::parse("[[0, 3]]"));
+  EXPECT_EQ(ops[2], nlohmann::json::parse(R"({"op": "selection", "rows": [[0, 3]]})"));
   EXPECT_FALSE(controller->hasPendingChanges());
 }
 
@@ -288,12 +286,8 @@ TEST(LayoutConstraints, ListsPlaceTheViewAlongItsAxis) {
 
 TEST(Formatting, FileSizesInEnglishAndInTheHostsLanguage) {
   platform::bindTextDomain("shelf", SHELF_HOST_LOCALE_DIR);
-  struct Case {
-    const char* language;
-    int64_t bytes;
-    const char* plain;
-    const char* fixed;
-  } cases[] = {
+  // Language (empty: English), bytes, the plain and the fixed-precision form.
+  const std::tuple<const char*, int64_t, const char*, const char*> cases[] = {
       {"", 0, "0 bytes", "0 bytes"},          {"", 1, "1 byte", "1 byte"},
       {"", 999, "999 bytes", "999 bytes"},    {"", 1000, "1 KB", "1.00 KB"},
       {"", 1536, "1.5 KB", "1.54 KB"},        {"", 999999, "1 MB", "1.00 MB"},
@@ -303,11 +297,11 @@ TEST(Formatting, FileSizesInEnglishAndInTheHostsLanguage) {
       {"de", 123456789, "123 MB", "123,46 MB"},
       {"", 1536, "1.5 KB", "1.54 KB"},  // and back
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.language) + " " + std::to_string(c.bytes));
-    platform::setPreferredLanguage(c.language);
-    EXPECT_EQ(platform::fileSizeString(c.bytes), c.plain);
-    EXPECT_EQ(platform::fileSizeString(c.bytes, true), c.fixed);
+  for (const auto& [language, bytes, plain, fixed] : cases) {
+    SCOPED_TRACE(std::string(language) + " " + std::to_string(bytes));
+    platform::setPreferredLanguage(language);
+    EXPECT_EQ(platform::fileSizeString(bytes), plain);
+    EXPECT_EQ(platform::fileSizeString(bytes, true), fixed);
   }
 }
 

@@ -26,25 +26,22 @@ class UserDefaultsTest : public ::testing::Test {
 
 TEST_F(UserDefaultsTest, TypedReadsFollowTheStoredObjectBeforeAndAfterAReload) {
   shelfkit::JsonUserDefaults defaults(path_);
-  struct Case {
-    nlohmann::json stored;
-    std::optional<int64_t> integer;
-    std::optional<bool> boolean;
-  } cases[] = {
+  // The stored object, and what it reads as an integer and as a boolean.
+  const std::tuple<nlohmann::json, std::optional<int64_t>, std::optional<bool>> cases[] = {
       {5, 5, true},         {0, 0, false},         {-1, -1, true},         {true, 1, true},
       {false, 0, false},    {"7", 7, true},        {"YES", 0, true},       {"no", 0, false},
       {2.9, 2, true},       {nullptr, std::nullopt, std::nullopt},         {nlohmann::json::array(), std::nullopt, std::nullopt},
       // Beyond 64 bits (a hand-edited file): clamped.
       {1e300, INT64_MAX, true}, {-1e300, INT64_MIN, true}, {18446744073709551615ULL, INT64_MAX, true},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.stored.dump());
-    defaults.setObject(c.stored, "k");
+  for (const auto& [stored, integer, boolean] : cases) {
+    SCOPED_TRACE(stored.dump());
+    defaults.setObject(stored, "k");
     ASSERT_TRUE(defaults.synchronize());
     shelfkit::JsonUserDefaults reloaded(path_);
     for (auto* read : {&defaults, &reloaded}) {
-      EXPECT_EQ(read->integerForKey("k"), c.integer);
-      EXPECT_EQ(read->boolForKey("k"), c.boolean);
+      EXPECT_EQ(read->integerForKey("k"), integer);
+      EXPECT_EQ(read->boolForKey("k"), boolean);
       EXPECT_EQ(read->integerForKey("absent"), std::nullopt);
     }
   }
