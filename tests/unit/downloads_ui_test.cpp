@@ -132,9 +132,9 @@ TEST_F(DownloadsScreenTest, RemoveAsksFirstAndDeletesTheSelectedRowsOnlyWhenConf
 
   screen->removeButton().tap();
   ASSERT_EQ(dialogs_->requests.size(), 1u);
-  EXPECT_EQ(dialogs_->requests[0].text, "Are you sure you want to delete selected items?");
-  EXPECT_EQ(dialogs_->requests[0].okButtonTitle, "Delete");
-  EXPECT_FALSE(dialogs_->requests[0].title);
+  const auto& confirm = dialogs_->requests[0];
+  EXPECT_EQ(std::tuple(confirm.title, confirm.text, confirm.okButtonTitle),
+            std::tuple(std::nullopt, "Are you sure you want to delete selected items?", "Delete"));
   dialogs_->answer(false);
   EXPECT_EQ(names(*screen).size(), 4u);
   EXPECT_EQ(screen->indexPathsForSelectedRows().size(), 2u) << "a declined confirmation keeps the selection";
@@ -158,9 +158,9 @@ TEST_F(DownloadsScreenTest, EnteredTextGoesToTheManagerOrShowsIncorrectURL) {
   auto screen = openScreen();
   screen->enterUrlButton().tap();
   ASSERT_EQ(dialogs_->requests.size(), 1u);
-  EXPECT_EQ(dialogs_->requests[0].kind, platform::AlertDialog::Request::Kind::Input);
-  EXPECT_EQ(dialogs_->requests[0].title, "Enter URL");
-  EXPECT_EQ(dialogs_->requests[0].okButtonTitle, "OK");
+  const auto& entry = dialogs_->requests[0];
+  EXPECT_EQ(std::tuple(entry.kind, entry.title, entry.okButtonTitle),
+            std::tuple(platform::AlertDialog::Request::Kind::Input, "Enter URL", "OK"));
   dialogs_->answer(true, "http://");
   EXPECT_EQ(host_.overlay().events.back(), "alert: Incorrect URL");
   EXPECT_TRUE(manager_->infoLoadersForTesting().empty());

@@ -103,7 +103,7 @@ TEST_F(SchedulingTest, TheLimitStartsTheEarliestAndAnEndingOrRemovedTransferMake
   EXPECT_EQ(DFDownloadManager::init()->downloadOperations().size(), 3u) << "removed from the database too";
 }
 
-TEST_F(SchedulingTest, LimitChangesStopTheNewestOrStartMore) {
+TEST_F(SchedulingTest, LimitChangesAndDeactivationStopTheNewestAndStartInQueueOrder) {
   auto manager = managerWithActiveRecords(5);
   manager->setMaxActiveDownloadCount(1);
   EXPECT_EQ(journal_->take(), (Events{"stopped f1", "stopped f2"}));
@@ -113,6 +113,22 @@ TEST_F(SchedulingTest, LimitChangesStopTheNewestOrStartMore) {
   manager->setMaxActiveDownloadCount(0);
   EXPECT_TRUE(running(*manager).empty());
   EXPECT_FALSE(manager->downloadsInProgress());
+  manager->setMaxActiveDownloadCount(3);
+  EXPECT_EQ(running(*manager), (Events{"f0", "f1", "f2"}));
+  journal_->take();
+
+  auto queue = manager->downloadOperations();
+  manager->setActive(false, queue[0]);
+  EXPECT_EQ(journal_->take(), (Events{"stopped f0", "started f3"}));
+  manager->setActive(false, queue[0]);
+  EXPECT_TRUE(journal_->take().empty()) << "no change, no event";
+  manager->setMaxActiveDownloadCount(5);
+  EXPECT_EQ(journal_->take(), (Events{"started f4"}));
+  manager->setActive(true, queue[0]);
+  EXPECT_EQ(journal_->take(), (Events{"started f0"}));
+  manager->stopDataLoadingForDownloadOperation(queue[0]);
+  manager->stopDataLoadingForDownloadOperation(queue[0]);
+  EXPECT_EQ(journal_->take(), (Events{"stopped f0"})) << "a second stop finds no loader";
 }
 
 TEST_F(SchedulingTest, TheGateStopsEveryTransferOnceEach) {
@@ -147,21 +163,6 @@ TEST_F(SchedulingTest, AFailedRecordWaitsTenSecondsBeforeItIsStartedAgain) {
   now += 2s;
   host_.network().setState(true, true);  // any event runs the scheduler
   EXPECT_EQ(journal_->take(), (Events{"started f0"}));
-}
-
-TEST_F(SchedulingTest, DeactivatingStopsAndReactivatingStartsInQueueOrder) {
-  auto manager = managerWithActiveRecords(4);
-  auto queue = manager->downloadOperations();
-  manager->setActive(false, queue[0]);
-  EXPECT_EQ(journal_->take(), (Events{"stopped f0", "started f3"}));
-  manager->setActive(false, queue[0]);
-  EXPECT_TRUE(journal_->take().empty()) << "no change, no event";
-  manager->setMaxActiveDownloadCount(4);
-  manager->setActive(true, queue[0]);
-  EXPECT_EQ(journal_->take(), (Events{"started f0"}));
-  manager->stopDataLoadingForDownloadOperation(manager->downloadOperations()[0]);
-  manager->stopDataLoadingForDownloadOperation(manager->downloadOperations()[0]);
-  EXPECT_EQ(journal_->take(), (Events{"stopped f0"})) << "a second stop finds no loader";
 }
 
 TEST(LoaderChoice, PlaylistsByExactExtensionOthersChunked) {
