@@ -172,13 +172,20 @@ TEST_F(DownloadsScreenTest, EnteredTextGoesToTheManagerOrShowsIncorrectURL) {
   EXPECT_EQ(names(*screen), std::vector<std::string>{"typed.zip"});
 }
 
-TEST_F(DownloadsScreenTest, RowCellProgressTextBarAndStatus) {
-  auto op = queue("a.zip");
-  auto other = queue("b.zip");
+TEST_F(DownloadsScreenTest, RowCellShowsTheStatusProgressTextAndBar) {
+  server_.setRoute("/slow.zip", {.size = 4 << 20, .stallAtByte = 1 << 20});
+  auto op = queue("slow.zip");
   auto cell = DFDownloadOperationTableViewCell::initWithStyle(0, DFDownloadOperationTableViewCell::kReuseIdentifier);
   cell->setDownloadOperation(op);
-  EXPECT_EQ(cell->filenameLabel().text(), "a.zip");
-  EXPECT_EQ(cell->urlLabel().text(), server_.url("/a.zip"));
+  EXPECT_EQ(cell->filenameLabel().text(), "slow.zip");
+  EXPECT_EQ(cell->urlLabel().text(), server_.url("/slow.zip"));
+  EXPECT_EQ(cell->statusLabel().text(), "queued") << "active, but no transfer runs (downloads are not permitted)";
+  manager_->setDownloadsPermitted(true);
+  ASSERT_TRUE(host_.runUntil([&] { return cell->statusLabel().text() == "downloading"; }));
+  manager_->setDownloadsPermitted(false);
+  ASSERT_TRUE(host_.runUntil([&] { return cell->statusLabel().text() == "queued"; }));
+  manager_->setActive(false, op);
+  EXPECT_EQ(cell->statusLabel().text(), "stopped");
 
   // Size, position, the text and the bar's value they show.
   const std::tuple<int64_t, int64_t, const char*, double> cases[] = {
@@ -196,11 +203,8 @@ TEST_F(DownloadsScreenTest, RowCellProgressTextBarAndStatus) {
     EXPECT_EQ(cell->progressLabel().text(), text);
     EXPECT_DOUBLE_EQ(cell->progressView().progress(), bar);
   }
-  EXPECT_EQ(cell->statusLabel().text(), "queued") << "active, but no transfer runs (downloads are not permitted)";
-  manager_->setActive(false, op);
-  EXPECT_EQ(cell->statusLabel().text(), "stopped");
-
   // Only the cell's own operation refreshes it, not one with equal fields.
+  auto other = queue("b.zip");
   other->setSize(op->size());
   other->setActualPosition(op->actualPosition());
   op->setActualPosition(50);
@@ -208,18 +212,6 @@ TEST_F(DownloadsScreenTest, RowCellProgressTextBarAndStatus) {
   EXPECT_EQ(cell->progressLabel().text(), "150 bytes / 100 bytes (150%)");
   manager_->updateDownloadOperation(op);
   EXPECT_EQ(cell->progressLabel().text(), "50 bytes / 100 bytes (50%)");
-}
-
-TEST_F(DownloadsScreenTest, RowCellShowsDownloadingWhileATransferRuns) {
-  server_.setRoute("/slow.zip", {.size = 4 << 20, .stallAtByte = 1 << 20});
-  auto op = queue("slow.zip");
-  auto cell = DFDownloadOperationTableViewCell::initWithStyle(0, DFDownloadOperationTableViewCell::kReuseIdentifier);
-  cell->setDownloadOperation(op);
-  EXPECT_EQ(cell->statusLabel().text(), "queued");
-  manager_->setDownloadsPermitted(true);
-  ASSERT_TRUE(host_.runUntil([&] { return cell->statusLabel().text() == "downloading"; }));
-  manager_->setDownloadsPermitted(false);
-  ASSERT_TRUE(host_.runUntil([&] { return cell->statusLabel().text() == "queued"; }));
 }
 
 TEST_F(DownloadsScreenTest, SettingsPageFollowsItsSwitchesAndKeepsTheCountWithinOneToTen) {

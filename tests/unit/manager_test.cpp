@@ -44,7 +44,7 @@ TEST_F(ManagerTest, EmptyStartHasNoQueueNoTransfersARunningTimerAndTheDefaultSet
   EXPECT_TRUE(manager->downloadsPermitted());
 }
 
-TEST_F(ManagerTest, SavedRecordsComeBackInPriorityOrder) {
+TEST_F(ManagerTest, SavedRecordsComeBackInPriorityOrderAndAnUpdateIsSavedAndToldToTheObservers) {
   store("two", 2);
   store("zero", 0);
   store("one", 1);
@@ -53,13 +53,8 @@ TEST_F(ManagerTest, SavedRecordsComeBackInPriorityOrder) {
   std::vector<std::string> names;
   for (auto& r : queue) names.push_back(r->filename().value_or("?"));
   EXPECT_EQ(names, (std::vector<std::string>{"zero", "one", "two"}));
-  queue.clear();
-  EXPECT_EQ(manager->downloadOperations().size(), 3u) << "the caller gets a copy";
-}
 
-TEST_F(ManagerTest, UpdateSavesAndTellsTheObserversWhichAreHeldWeaklyAndMayLeaveDuringANotification) {
-  store("file", 0);
-  auto manager = DFDownloadManager::init();
+  // Observers are held weakly and may leave during a notification.
   auto first = std::make_shared<ChangedObserver>();
   auto second = std::make_shared<ChangedObserver>();
   auto gone = std::make_shared<ChangedObserver>();
@@ -77,10 +72,12 @@ TEST_F(ManagerTest, UpdateSavesAndTellsTheObserversWhichAreHeldWeaklyAndMayLeave
   manager->addDelegate(first);  // a second add changes nothing
   gone.reset();
 
+  queue[0]->setPosition(4096);
+  queue.clear();
   auto record = manager->downloadOperations().front();
-  record->setPosition(4096);
+  EXPECT_EQ(manager->downloadOperations().size(), 3u) << "the caller got a copy";
   manager->updateDownloadOperation(record);
-  EXPECT_EQ(first->calls, (std::vector<std::string>{"changed file"}));
+  EXPECT_EQ(first->calls, (std::vector<std::string>{"changed zero"}));
   EXPECT_EQ(second->calls.size(), 1u) << "the notification in progress still reaches it";
   EXPECT_TRUE(other->events.empty());
   manager->updateDownloadOperation(record);

@@ -134,7 +134,7 @@ class Tab {
   std::shared_ptr<shelfkit::ScreenSession> session;
 };
 
-TEST(ScreenSession, ManyChangesInOneTurnMakeOnePatchWithTheLatestValues) {
+TEST(ScreenSession, ManyChangesInOneTurnMakeOnePatchAndHiddenCellsSendNothing) {
   TestHost host;
   Tab tab;
   auto controller = std::make_shared<NumbersController>(100);
@@ -142,16 +142,14 @@ TEST(ScreenSession, ManyChangesInOneTurnMakeOnePatchWithTheLatestValues) {
   ASSERT_EQ(tab.messages.size(), 1u);
   EXPECT_EQ(tab.messages[0]["t"], "screen");
 
+  // Many changes in one turn make one patch with the latest value.
   auto cell = std::static_pointer_cast<NumberCell>(controller->cellAtRow(1, 0));
   for (int i = 0; i < 1000; ++i) cell->label->setText("value " + std::to_string(i));
   host.loop().runFor(250ms);
   auto patches = tab.patches();
   ASSERT_EQ(patches.size(), 1u);
-  const auto& ops = patches[0]["ops"];
-  ASSERT_EQ(ops.size(), 1u) << ops.dump();
-  EXPECT_EQ(ops[0]["op"], "props");
-  EXPECT_EQ(ops[0]["id"], cell->label->viewId());
-  EXPECT_EQ(ops[0]["props"], nlohmann::json::parse(R"({"text": "value 999"})"));
+  EXPECT_EQ(patches[0]["ops"], nlohmann::json::array({{{"op", "props"}, {"id", cell->label->viewId()},
+                                                         {"props", {{"text", "value 999"}}}}}));
 
   // A cell that is not on screen sends nothing until it is shown again.
   std::vector<std::shared_ptr<platform::TableViewCell>> firstCells;
@@ -169,6 +167,7 @@ TEST(ScreenSession, ManyChangesInOneTurnMakeOnePatchWithTheLatestValues) {
   hidden->label->setText("hidden change");
   host.loop().runFor(250ms);
   EXPECT_EQ(tab.patches().size(), before);
+
 }
 
 TEST(ScreenSession, SteadyChangesAreSentAtMostTenTimesASecond) {
