@@ -131,7 +131,9 @@ TEST_F(SchedulingTest, LimitChangesAndDeactivationStopTheNewestAndStartInQueueOr
   EXPECT_EQ(journal_->take(), (Events{"stopped f0"})) << "a second stop finds no loader";
 }
 
-TEST_F(SchedulingTest, TheGateStopsEveryTransferOnceEach) {
+TEST_F(SchedulingTest, TheGateStopsEveryTransferOnceEachAndAFailedRecordWaitsTenSeconds) {
+  platform::Date now = platform::now();
+  platform::setClockForTesting([&] { return now; });
   host_.network().setState(true, false);  // cellular only
   auto manager = managerWithActiveRecords(3);
   auto second = std::make_shared<Journal>();
@@ -149,12 +151,9 @@ TEST_F(SchedulingTest, TheGateStopsEveryTransferOnceEach) {
   manager->setDownloadsPermitted(false);
   EXPECT_TRUE(running(*manager).empty());
   for (auto& r : manager->downloadOperations()) EXPECT_TRUE(r->active()) << "the gate keeps the active flags";
-}
 
-TEST_F(SchedulingTest, AFailedRecordWaitsTenSecondsBeforeItIsStartedAgain) {
-  platform::Date now = platform::now();
-  platform::setClockForTesting([&] { return now; });
-  auto manager = managerWithActiveRecords(1);
+  manager->setDownloadsPermitted(true);
+  journal_->take();
   loaders_["f0"]->fail();
   EXPECT_EQ(journal_->take(), (Events{"stopped f0"}));
   now += 9s;
