@@ -5,10 +5,9 @@
 
 #include "module/core/DFDownloadManager.h"
 #include "module/core/DFSafeFilename.h"
-#include "module/platform/UserDefaults.h"
 #include "module/ui/DFRecentItemsSource.h"
 #include "shelfkit/kits/SqliteRecordDatabase.h"
-#include "tests/support/Journal.h"
+#include "tests/support/Files.h"
 #include "tests/support/TestHost.h"
 
 namespace fs = std::filesystem;
@@ -29,65 +28,60 @@ class CompletionTest : public ::testing::Test {
     std::ofstream(DFDownloadManager::tmpFilePathForFilename(r->uniqueId()), std::ios::binary) << content;
     return r;
   }
-  std::string documents() const { return host_.layout().documents; }
-  std::set<std::string> documentNames() const {
+  static std::set<std::string> namesIn(const std::string& directory) {
     std::set<std::string> names;
-    for (auto& entry : fs::directory_iterator(documents())) names.insert(entry.path().filename().string());
+    for (auto& entry : fs::directory_iterator(directory)) names.insert(entry.path().filename().string());
     return names;
   }
 
   TestHost host_;
   std::shared_ptr<DFDownloadManager> manager_;
+  const std::string documents_ = host_.layout().documents;
+  const std::string tmp_ = host_.layout().library + "/DownloaderTmpFiles/";
 };
 
 TEST_F(CompletionTest, CollisionsGetTheNextFreeNumber) {
-  fs::create_directory(documents() + "/folder.txt");
-  struct Step {
-    const char* output;
-    const char* placedAs;
-  } steps[] = {
+  fs::create_directory(documents_ + "/folder.txt");
+  // The output name of each finished record, and where it is placed.
+  const std::pair<const char*, const char*> steps[] = {
       {"a.mp3", "a.mp3"}, {"a.mp3", "a(1).mp3"}, {"a.mp3", "a(2).mp3"}, {"notes", "notes"},
       {"notes", "notes(1)"}, {"folder.txt", "folder(1).txt"}, {"archive.tar.gz", "archive.tar.gz"},
       {"archive.tar.gz", "archive.tar(1).gz"},
   };
-  for (const auto& step : steps) {
-    SCOPED_TRACE(step.output);
-    const std::string content = std::string("content of ") + step.placedAs;
-    auto r = finished(step.output, content);
+  for (const auto& [output, placedAs] : steps) {
+    SCOPED_TRACE(output);
+    const std::string content = std::string("content of ") + placedAs;
+    auto r = finished(output, content);
     manager_->completeDownloadOperation(r, std::nullopt);
-    std::ifstream in(documents() + "/" + step.placedAs, std::ios::binary);
-    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(in)), {}), content);
+    EXPECT_EQ(readFile(documents_ + "/" + placedAs), content);
     EXPECT_FALSE(fs::exists(DFDownloadManager::tmpFilePathForFilename(r->uniqueId())));
   }
   auto items = DFRecentItemsSource::sharedInstance()->items();
   ASSERT_FALSE(items.empty());
-  EXPECT_EQ(items.front().path, documents() + "/archive.tar(1).gz") << "the full path, newest first";
+  EXPECT_EQ(items.front().path, documents_ + "/archive.tar(1).gz") << "the full path, newest first";
   EXPECT_FALSE(items.front().uniqueId.empty());
 }
 
 TEST_F(CompletionTest, HostileNamesStayInsideTheDocumentsFolder) {
   const std::string longName = std::string(300, 'n') + ".txt";
-  const char* names[] = {"../../escape.txt", "a/b.txt", "..", ".", "", "/etc/passwd"};
-  std::vector<std::string> all(std::begin(names), std::end(names));
-  all.push_back(longName);
-  all.push_back(longName);
+  const std::vector<std::string> all = {"../../escape.txt", "a/b.txt", "..", ".", "", "/etc/passwd", longName, longName};
   for (const auto& name : all) {
     SCOPED_TRACE(name.substr(0, 40));
     manager_->completeDownloadOperation(finished(name, "x"), std::nullopt);
   }
-  EXPECT_FALSE(fs::exists(fs::path(documents()).parent_path().parent_path() / "escape.txt"));
+  EXPECT_FALSE(fs::exists(fs::path(documents_).parent_path().parent_path() / "escape.txt"));
   size_t files = 0;
-  for (auto& entry : fs::recursive_directory_iterator(documents())) {
+  for (auto& entry : fs::recursive_directory_iterator(documents_)) {
     EXPECT_TRUE(entry.is_regular_file()) << entry.path();
     EXPECT_LE(entry.path().filename().string().size(), 255u);
     ++files;
   }
   EXPECT_EQ(files, all.size()) << "every file placed, none replaced";
-  EXPECT_TRUE(documentNames().count(".._.._escape.txt"));
-  EXPECT_TRUE(documentNames().count("a_b.txt"));
+  EXPECT_TRUE(namesIn(documents_).count(".._.._escape.txt"));
+  EXPECT_TRUE(namesIn(documents_).count("a_b.txt"));
 }
 
-TEST_F(CompletionTest, AnExitBetweenPlacementAndRemovalNeitherLosesNorRepeatsTheFile) {
+TEST_F(CompletionTest, StartUpFinishesInterruptedPlacementsAndKeepsOnlyTheFilesItCanAccountFor) {
   // What a process killed right after the move leaves: the record still stored
   // and full, its temporary file moved to the documents folder, the marker.
   auto placed = finished("report.pdf", "done");
@@ -97,31 +91,42 @@ TEST_F(CompletionTest, AnExitBetweenPlacementAndRemovalNeitherLosesNorRepeatsThe
     r->setPosition(4);
     r->setActive(true);
   }
+  // A stored row that this version cannot decode, with its partial data.
+  struct Unreadable : platform::Archivable {
+    void encodeWithCoder(platform::KeyedArchiver&) const override {}
+  };
+  const std::string unreadable = "0E0E0E0E-0000-4000-8000-000000000000";
   {
     auto db = shelfkit::SqliteRecordDatabase::open(host_.layout().databasesDirectory() + "/DFDownloadManager.sqlite", 0);
     db->insertItemWithUniqueId(placed->uniqueId(), *placed);
     db->insertItemWithUniqueId(notMoved->uniqueId(), *notMoved);
+    db->insertItemWithUniqueId(unreadable, Unreadable{});
   }
-  fs::rename(DFDownloadManager::tmpFilePathForFilename(placed->uniqueId()), documents() + "/report.pdf");
-  const std::string tmp = host_.layout().library + "/DownloaderTmpFiles/";
-  std::ofstream(tmp + placed->uniqueId() + ".placing") << documents() + "/report.pdf";
-  std::ofstream(tmp + notMoved->uniqueId() + ".placing") << documents() + "/notes.txt";
+  std::ofstream(tmp_ + unreadable) << "partial data";
+  fs::rename(DFDownloadManager::tmpFilePathForFilename(placed->uniqueId()), documents_ + "/report.pdf");
+  std::ofstream(tmp_ + placed->uniqueId() + ".placing") << documents_ + "/report.pdf";
+  std::ofstream(tmp_ + notMoved->uniqueId() + ".placing") << documents_ + "/notes.txt";
   // Left by a process killed mid-write, and by a record removed before the exit.
-  std::ofstream(tmp + notMoved->uniqueId() + ".placing.tmp.Ab12Cd") << "half";
-  std::ofstream(tmp + "0F0F0F0F-0000-4000-8000-000000000000") << "orphan";
+  std::ofstream(tmp_ + notMoved->uniqueId() + ".placing.tmp.Ab12Cd") << "half";
+  std::ofstream(tmp_ + "0F0F0F0F-0000-4000-8000-000000000000") << "orphan";
+
+  // Without a database nothing says which files are wanted: none is touched.
+  const auto left = namesIn(tmp_);
+  platform::RecordDatabase::setFactory([](const std::string&, int64_t) { return nullptr; });
+  EXPECT_TRUE(DFDownloadManager::init()->downloadOperations().empty());
+  EXPECT_EQ(namesIn(tmp_), left);
+  platform::RecordDatabase::setFactory(
+      shelfkit::SqliteRecordDatabase::factoryInDirectory(host_.layout().databasesDirectory()));
 
   auto restarted = DFDownloadManager::init();
   ASSERT_EQ(restarted->downloadOperations().size(), 1u) << "the placed file is not fetched again";
   EXPECT_EQ(restarted->downloadOperations()[0]->uniqueId(), notMoved->uniqueId());
-  EXPECT_EQ(documentNames(), std::set<std::string>{"report.pdf"});
+  EXPECT_EQ(namesIn(documents_), std::set<std::string>{"report.pdf"});
   auto items = DFRecentItemsSource::sharedInstance()->items();
   ASSERT_EQ(items.size(), 1u);
-  EXPECT_EQ(items[0].path, documents() + "/report.pdf");
-  EXPECT_FALSE(fs::exists(tmp + placed->uniqueId() + ".placing"));
-  EXPECT_FALSE(fs::exists(tmp + notMoved->uniqueId() + ".placing"));
-  std::set<std::string> left;
-  for (const auto& entry : fs::directory_iterator(tmp)) left.insert(entry.path().filename().string());
-  EXPECT_EQ(left, std::set<std::string>{notMoved->uniqueId()}) << "only the files of queued records stay";
+  EXPECT_EQ(items[0].path, documents_ + "/report.pdf");
+  EXPECT_EQ(namesIn(tmp_), (std::set<std::string>{notMoved->uniqueId(), unreadable}))
+      << "only the files of queued records and of every stored id stay";
 
   // The record left in the queue completes as usual, and leaves nothing behind.
   restarted.reset();
@@ -129,37 +134,8 @@ TEST_F(CompletionTest, AnExitBetweenPlacementAndRemovalNeitherLosesNorRepeatsThe
   EXPECT_EQ(again->downloadOperations().size(), 1u) << "the removal was stored";
   again->completeDownloadOperation(again->downloadOperations()[0], std::nullopt);
   host_.loop().runFor(std::chrono::milliseconds(50));
-  EXPECT_EQ(documentNames(), (std::set<std::string>{"notes.txt", "report.pdf"}));
-  EXPECT_TRUE(fs::is_empty(tmp)) << "no marker is left";
-}
-
-TEST_F(CompletionTest, StartUpKeepsTheTemporaryFilesItCannotAccountFor) {
-  // A stored row that this version cannot decode, with its partial data.
-  struct Unreadable : platform::Archivable {
-    void encodeWithCoder(platform::KeyedArchiver&) const override {}
-  };
-  const std::string unreadableId = "0E0E0E0E-0000-4000-8000-000000000000";
-  {
-    auto db = shelfkit::SqliteRecordDatabase::open(host_.layout().databasesDirectory() + "/DFDownloadManager.sqlite", 0);
-    db->insertItemWithUniqueId(unreadableId, Unreadable{});
-  }
-  const std::string tmp = host_.layout().library + "/DownloaderTmpFiles/";
-  std::ofstream(tmp + unreadableId) << "partial data";
-  std::ofstream(tmp + "0F0F0F0F-0000-4000-8000-000000000000") << "orphan";
-
-  // Without a database nothing says which files are wanted: none is removed.
-  platform::RecordDatabase::setFactory([](const std::string&, int64_t) { return nullptr; });
-  auto blind = DFDownloadManager::init();
-  EXPECT_TRUE(blind->downloadOperations().empty());
-  EXPECT_TRUE(fs::exists(tmp + unreadableId));
-  EXPECT_TRUE(fs::exists(tmp + "0F0F0F0F-0000-4000-8000-000000000000"));
-  platform::RecordDatabase::setFactory(
-      shelfkit::SqliteRecordDatabase::factoryInDirectory(host_.layout().databasesDirectory()));
-
-  auto restarted = DFDownloadManager::init();
-  EXPECT_TRUE(restarted->downloadOperations().empty());
-  EXPECT_TRUE(fs::exists(tmp + unreadableId)) << "the files of every stored id stay";
-  EXPECT_FALSE(fs::exists(tmp + "0F0F0F0F-0000-4000-8000-000000000000"));
+  EXPECT_EQ(namesIn(documents_), (std::set<std::string>{"notes.txt", "report.pdf"}));
+  EXPECT_EQ(namesIn(tmp_), std::set<std::string>{unreadable}) << "no marker is left";
 }
 
 TEST(SafeFilename, KeepsExtensionsAndRoomForANumber) {
@@ -174,44 +150,6 @@ TEST(SafeFilename, KeepsExtensionsAndRoomForANumber) {
   std::string cut = DFSafeFilename(multibyte + ".txt");
   EXPECT_TRUE(cut.ends_with(".txt"));
   EXPECT_EQ((cut.size() - 4) % 2, 0u) << "not cut inside a character";
-}
-
-TEST(Removal, RunningRecordIsStoppedCleanedAndTheNextStarts) {
-  TestHost host;
-  struct Idle : DFDownloadOperationDataLoader {
-    using DFDownloadOperationDataLoader::DFDownloadOperationDataLoader;
-  };
-  DFDownloadManager::setDataLoaderFactoryForTesting(
-      [](const DFDownloadManager::Record& r, const std::string& path, std::weak_ptr<DFDownloadOperationDataLoaderDelegate> d) {
-        return std::make_shared<Idle>(r, path, d);
-      });
-  auto db = shelfkit::SqliteRecordDatabase::open(host.layout().databasesDirectory() + "/DFDownloadManager.sqlite", 0);
-  for (int i = 0; i < 3; ++i) {
-    auto r = DFDownloadOperation::initWithURL(*platform::URL::URLWithString("http://h.test/" + std::to_string(i)));
-    r->setFilename("r" + std::to_string(i));
-    r->setPriority(i);
-    r->setActive(true);
-    db->insertItemWithUniqueId(r->uniqueId(), *r);
-  }
-  db.reset();
-  platform::UserDefaults::standardUserDefaults()->setInteger(1, DFDownloadManager::kMaxActiveDownloadCountPreference);
-  auto manager = DFDownloadManager::init();
-  auto journal = std::make_shared<Journal>();
-  manager->addDelegate(journal);
-  auto queue = manager->downloadOperations();
-  const std::string partial = DFDownloadManager::tmpFilePathForFilename(queue[0]->uniqueId());
-  std::ofstream(partial) << "partial";
-
-  manager->removeDownloadOperation(queue[2]);  // not running
-  EXPECT_EQ(journal->events, (std::vector<std::string>{"removed r2"}));
-  journal->events.clear();
-  manager->removeDownloadOperation(queue[0]);  // running
-  EXPECT_EQ(journal->events, (std::vector<std::string>{"stopped r0", "removed r0", "started r1"}));
-  EXPECT_FALSE(fs::exists(partial));
-  EXPECT_EQ(manager->downloadOperations().size(), 1u);
-  manager.reset();
-  EXPECT_EQ(DFDownloadManager::init()->downloadOperations().size(), 1u) << "removed from the database too";
-  DFDownloadManager::setDataLoaderFactoryForTesting(nullptr);
 }
 
 }  // namespace

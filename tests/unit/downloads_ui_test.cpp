@@ -78,46 +78,45 @@ std::vector<bool> buttons(DFDownloaderController& screen) {
           screen.deselectAllButton().isEnabled(), screen.enterUrlButton().isEnabled()};
 }
 
-TEST_F(DownloadsScreenTest, ButtonsFollowTheSelection) {
+TEST_F(DownloadsScreenTest, ButtonsFollowTheSelectionAndActOnIt) {
   auto empty = openScreen();
   EXPECT_EQ(buttons(*empty), (std::vector<bool>{false, false, false, false, false, true}));
   EXPECT_EQ(empty->title(), "Downloads");
   EXPECT_EQ(empty->heightForRow(0, 0), 60.0);
 
-  auto a = queue("a.zip"), b = queue("b.zip"), c = queue("c.zip");
+  auto a = queue("a.zip"), b = queue("b.zip");
   manager_->setActive(false, b);
   auto screen = openScreen();
-  struct Case {
-    std::vector<int64_t> selected;
-    std::vector<bool> enabled;
-  } cases[] = {
+  screen->userSelectRow(0, 0, true);
+  auto c = queue("c.zip");
+  EXPECT_EQ(names(*screen), (std::vector<std::string>{"a.zip", "b.zip", "c.zip"})) << "added rows join the bottom";
+  EXPECT_EQ(screen->rowCount(0), 3);
+  ASSERT_EQ(screen->indexPathsForSelectedRows().size(), 1u) << "an addition keeps the selection";
+  EXPECT_EQ(screen->indexPathsForSelectedRows()[0].row, 0);
+  // Selected rows, and the buttons they enable.
+  const std::pair<std::vector<int64_t>, std::vector<bool>> cases[] = {
       {{}, {false, false, false, true, false, true}},
       {{0}, {false, true, true, true, true, true}},       // one active: stop
       {{1}, {true, false, true, true, true, true}},       // one inactive: start
       {{0, 1}, {true, true, true, true, true, true}},     // both kinds: both
       {{0, 1, 2}, {true, true, true, false, true, true}}, // every row: no select all
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(::testing::PrintToString(c.selected));
+  for (const auto& [selected, enabled] : cases) {
+    SCOPED_TRACE(::testing::PrintToString(selected));
     for (const auto& path : screen->indexPathsForSelectedRows()) screen->userSelectRow(path.row, 0, false);
-    for (int64_t row : c.selected) screen->userSelectRow(row, 0, true);
-    EXPECT_EQ(buttons(*screen), c.enabled);
+    for (int64_t row : selected) screen->userSelectRow(row, 0, true);
+    EXPECT_EQ(buttons(*screen), enabled);
   }
   screen->deselectAllButton().tap();
   EXPECT_TRUE(screen->indexPathsForSelectedRows().empty());
-  EXPECT_EQ(buttons(*screen), (std::vector<bool>{false, false, false, true, false, true}));
-}
 
-TEST_F(DownloadsScreenTest, StartAndStopActOnTheSelectedRowsThenClearTheSelection) {
-  auto a = queue("a.zip"), b = queue("b.zip"), c = queue("c.zip");
-  for (const auto& op : {a, b, c}) manager_->setActive(false, op);
-  auto screen = openScreen();
+  // Start and stop act on the selected rows, then clear the selection.
+  manager_->setActive(false, a);
   screen->selectAllButton().tap();
   EXPECT_EQ(screen->indexPathsForSelectedRows().size(), 3u);
   screen->startButton().tap();
   EXPECT_TRUE(a->active() && b->active() && c->active());
   EXPECT_TRUE(screen->indexPathsForSelectedRows().empty());
-
   screen->userSelectRow(2, 0, true);
   screen->stopButton().tap();
   EXPECT_TRUE(a->active() && b->active());
@@ -133,9 +132,9 @@ TEST_F(DownloadsScreenTest, RemoveAsksFirstAndDeletesTheSelectedRowsOnlyWhenConf
 
   screen->removeButton().tap();
   ASSERT_EQ(dialogs_->requests.size(), 1u);
-  EXPECT_EQ(dialogs_->requests[0].text, "Are you sure you want to delete selected items?");
-  EXPECT_EQ(dialogs_->requests[0].okButtonTitle, "Delete");
-  EXPECT_FALSE(dialogs_->requests[0].title);
+  const auto& confirm = dialogs_->requests[0];
+  EXPECT_EQ(std::tuple(confirm.title, confirm.text, confirm.okButtonTitle),
+            std::tuple(std::nullopt, "Are you sure you want to delete selected items?", "Delete"));
   dialogs_->answer(false);
   EXPECT_EQ(names(*screen).size(), 4u);
   EXPECT_EQ(screen->indexPathsForSelectedRows().size(), 2u) << "a declined confirmation keeps the selection";
@@ -155,26 +154,13 @@ TEST_F(DownloadsScreenTest, RemoveAsksFirstAndDeletesTheSelectedRowsOnlyWhenConf
   EXPECT_EQ(manager_->downloadOperations().size(), 2u);
 }
 
-TEST_F(DownloadsScreenTest, AddedDownloadsAppearAtTheBottomAndTheSelectionStays) {
-  queue("a.zip");
-  queue("b.zip");
-  auto screen = openScreen();
-  screen->userSelectRow(0, 0, true);
-  queue("c.zip");
-  EXPECT_EQ(names(*screen), (std::vector<std::string>{"a.zip", "b.zip", "c.zip"}));
-  EXPECT_EQ(screen->rowCount(0), 3);
-  ASSERT_EQ(screen->indexPathsForSelectedRows().size(), 1u);
-  EXPECT_EQ(screen->indexPathsForSelectedRows()[0].row, 0);
-  EXPECT_TRUE(screen->selectAllButton().isEnabled());
-}
-
 TEST_F(DownloadsScreenTest, EnteredTextGoesToTheManagerOrShowsIncorrectURL) {
   auto screen = openScreen();
   screen->enterUrlButton().tap();
   ASSERT_EQ(dialogs_->requests.size(), 1u);
-  EXPECT_EQ(dialogs_->requests[0].kind, platform::AlertDialog::Request::Kind::Input);
-  EXPECT_EQ(dialogs_->requests[0].title, "Enter URL");
-  EXPECT_EQ(dialogs_->requests[0].okButtonTitle, "OK");
+  const auto& entry = dialogs_->requests[0];
+  EXPECT_EQ(std::tuple(entry.kind, entry.title, entry.okButtonTitle),
+            std::tuple(platform::AlertDialog::Request::Kind::Input, "Enter URL", "OK"));
   dialogs_->answer(true, "http://");
   EXPECT_EQ(host_.overlay().events.back(), "alert: Incorrect URL");
   EXPECT_TRUE(manager_->infoLoadersForTesting().empty());
@@ -186,40 +172,39 @@ TEST_F(DownloadsScreenTest, EnteredTextGoesToTheManagerOrShowsIncorrectURL) {
   EXPECT_EQ(names(*screen), std::vector<std::string>{"typed.zip"});
 }
 
-class RowCellTest : public DownloadsScreenTest {};
-
-TEST_F(RowCellTest, ProgressTextBarAndStatus) {
-  auto op = queue("a.zip");
-  auto other = queue("b.zip");
+TEST_F(DownloadsScreenTest, RowCellShowsTheStatusProgressTextAndBar) {
+  server_.setRoute("/slow.zip", {.size = 4 << 20, .stallAtByte = 1 << 20});
+  auto op = queue("slow.zip");
   auto cell = DFDownloadOperationTableViewCell::initWithStyle(0, DFDownloadOperationTableViewCell::kReuseIdentifier);
   cell->setDownloadOperation(op);
-  EXPECT_EQ(cell->filenameLabel().text(), "a.zip");
-  EXPECT_EQ(cell->urlLabel().text(), server_.url("/a.zip"));
+  EXPECT_EQ(cell->filenameLabel().text(), "slow.zip");
+  EXPECT_EQ(cell->urlLabel().text(), server_.url("/slow.zip"));
+  EXPECT_EQ(cell->statusLabel().text(), "queued") << "active, but no transfer runs (downloads are not permitted)";
+  manager_->setDownloadsPermitted(true);
+  ASSERT_TRUE(host_.runUntil([&] { return cell->statusLabel().text() == "downloading"; }));
+  manager_->setDownloadsPermitted(false);
+  ASSERT_TRUE(host_.runUntil([&] { return cell->statusLabel().text() == "queued"; }));
+  manager_->setActive(false, op);
+  EXPECT_EQ(cell->statusLabel().text(), "stopped");
 
-  struct Case {
-    int64_t size, position;
-    const char* text;
-    double bar;
-  } cases[] = {
+  // Size, position, the text and the bar's value they show.
+  const std::tuple<int64_t, int64_t, const char*, double> cases[] = {
       {0, 0, "0 bytes / ?", 1.0},
       {0, 2500, "2.5 KB / ?", 1.0},
       {1000, 999, "999 bytes / 1.00 KB (99%)", static_cast<double>(999.0f / 1000.0f)},
       {3, 1, "1 byte / 3 bytes (33%)", static_cast<double>(1.0f / 3.0f)},
       {100, 150, "150 bytes / 100 bytes (150%)", 1.5},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    op->setSize(c.size);
-    op->setActualPosition(c.position);
+  for (const auto& [size, position, text, bar] : cases) {
+    SCOPED_TRACE(text);
+    op->setSize(size);
+    op->setActualPosition(position);
     cell->updateInfo();
-    EXPECT_EQ(cell->progressLabel().text(), c.text);
-    EXPECT_DOUBLE_EQ(cell->progressView().progress(), c.bar);
+    EXPECT_EQ(cell->progressLabel().text(), text);
+    EXPECT_DOUBLE_EQ(cell->progressView().progress(), bar);
   }
-  EXPECT_EQ(cell->statusLabel().text(), "queued") << "active, but no transfer runs (downloads are not permitted)";
-  manager_->setActive(false, op);
-  EXPECT_EQ(cell->statusLabel().text(), "stopped");
-
   // Only the cell's own operation refreshes it, not one with equal fields.
+  auto other = queue("b.zip");
   other->setSize(op->size());
   other->setActualPosition(op->actualPosition());
   op->setActualPosition(50);
@@ -229,21 +214,8 @@ TEST_F(RowCellTest, ProgressTextBarAndStatus) {
   EXPECT_EQ(cell->progressLabel().text(), "50 bytes / 100 bytes (50%)");
 }
 
-TEST_F(RowCellTest, ShowsDownloadingWhileATransferRuns) {
-  server_.setRoute("/slow.zip", {.size = 4 << 20, .stallAtByte = 1 << 20});
-  auto op = queue("slow.zip");
-  auto cell = DFDownloadOperationTableViewCell::initWithStyle(0, DFDownloadOperationTableViewCell::kReuseIdentifier);
-  cell->setDownloadOperation(op);
-  EXPECT_EQ(cell->statusLabel().text(), "queued");
-  manager_->setDownloadsPermitted(true);
-  ASSERT_TRUE(host_.runUntil([&] { return cell->statusLabel().text() == "downloading"; }));
-  manager_->setDownloadsPermitted(false);
-  ASSERT_TRUE(host_.runUntil([&] { return cell->statusLabel().text() == "queued"; }));
-}
-
-class SettingsPageTest : public DownloadsScreenTest {};
-
-TEST_F(SettingsPageTest, TheSwitchCollapsesAndExpandsThePage) {
+TEST_F(DownloadsScreenTest, SettingsPageFollowsItsSwitchesAndKeepsTheCountWithinOneToTen) {
+  manager_->setMaxActiveDownloadCount(4);
   auto page = std::make_shared<DFSettingsController>();
   page->loadView();
   EXPECT_EQ(page->rowCount(0), 1);
@@ -258,41 +230,27 @@ TEST_F(SettingsPageTest, TheSwitchCollapsesAndExpandsThePage) {
   EXPECT_EQ(cellular->textLabel().text(), "Use Cellular Data");
   cellular->switchView().userSetOn(false);
   EXPECT_FALSE(manager_->useCellularData());
-
-  permitted->switchView().userSetOn(false);
-  EXPECT_FALSE(manager_->downloadsPermitted());
-  EXPECT_EQ(page->rowCount(0), 1);
-  EXPECT_EQ(page->cellAtRow(1, 0), nullptr);
-  EXPECT_EQ(page->createCellForRow(3, 0), nullptr);
-}
-
-TEST_F(SettingsPageTest, TheStepperShowsAndStoresTheCountWithinOneToTen) {
-  manager_->setDownloadsPermitted(true);
-  manager_->setMaxActiveDownloadCount(4);
-  auto defaults = platform::UserDefaults::standardUserDefaults();
-  defaults->removeObjectForKey(DFDownloadManager::kMaxActiveDownloadCountPreference);
-  ASSERT_FALSE(defaults->objectForKey(DFDownloadManager::kMaxActiveDownloadCountPreference));
-  manager_->setMaxActiveDownloadCount(4);
-
-  auto page = std::make_shared<DFSettingsController>();
-  page->loadView();
   auto stepper = std::static_pointer_cast<platform::StepperCell>(page->cellAtRow(2, 0));
   EXPECT_EQ(stepper->textLabel().text(), "Active Downloads Count");
   EXPECT_EQ(stepper->stepperLabel().text(), "4") << "shown without any action";
-
   for (int press = 0; press < 12; ++press) stepper->stepper().userSetValue(stepper->stepper().value() + 1);
   EXPECT_EQ(stepper->stepperLabel().text(), "10");
   EXPECT_EQ(manager_->maxActiveDownloadCount(), 10);
   for (int press = 0; press < 12; ++press) stepper->stepper().userSetValue(stepper->stepper().value() - 1);
   EXPECT_EQ(stepper->stepperLabel().text(), "1");
   EXPECT_EQ(manager_->maxActiveDownloadCount(), 1);
-}
 
-TEST_F(SettingsPageTest, ShowingTheStepperStoresTheDefaultCountExplicitly) {
-  manager_->setDownloadsPermitted(true);
+  permitted->switchView().userSetOn(false);
+  EXPECT_FALSE(manager_->downloadsPermitted());
+  EXPECT_EQ(page->rowCount(0), 1);
+  EXPECT_EQ(page->cellAtRow(1, 0), nullptr);
+  EXPECT_EQ(page->createCellForRow(3, 0), nullptr);
+
+  // With no stored count a page shows the default, and stores it explicitly.
   auto defaults = platform::UserDefaults::standardUserDefaults();
   defaults->removeObjectForKey(DFDownloadManager::kMaxActiveDownloadCountPreference);
-  auto page = std::make_shared<DFSettingsController>();
+  manager_->setDownloadsPermitted(true);
+  page = std::make_shared<DFSettingsController>();
   page->loadView();
   EXPECT_EQ(std::static_pointer_cast<platform::StepperCell>(page->cellAtRow(2, 0))->stepperLabel().text(), "3");
   auto stored = defaults->objectForKey(DFDownloadManager::kMaxActiveDownloadCountPreference);
@@ -305,24 +263,19 @@ TEST(Registration, LoadingTheModuleRegistersOneEntryEach) {
   for (const auto& entry : platform::SideMenuRegistry::sharedInstance()->menuItems())
     if (entry->title() == "Downloads") downloads.push_back(entry);
   ASSERT_EQ(downloads.size(), 1u);
-  EXPECT_EQ(downloads[0]->priority(), 40);
-  EXPECT_EQ(downloads[0]->iconName(), "DFDownloadsMenuItem");
-  EXPECT_EQ(downloads[0]->accessibilityLabel(), "Downloader");
-  EXPECT_EQ(downloads[0]->presentationStyle(), 0);
-  EXPECT_EQ(downloads[0]->controllerClass().name, "DFDownloaderController");
-
+  const auto& menu = *downloads[0];
+  EXPECT_EQ(std::tuple(menu.priority(), menu.iconName(), menu.accessibilityLabel(), menu.presentationStyle(),
+                       menu.controllerClass().name),
+            std::tuple(40, "DFDownloadsMenuItem", "Downloader", 0, "DFDownloaderController"));
   auto settings = platform::SettingsRegistry::sharedInstance()->settingItems();
   ASSERT_EQ(settings.size(), 1u);
-  EXPECT_EQ(settings[0]->title(), "Downloads");
-  EXPECT_EQ(settings[0]->priority(), 6);
-  EXPECT_EQ(settings[0]->controllerClass().name, "DFSettingsController");
-
+  EXPECT_EQ(std::tuple(settings[0]->title(), settings[0]->priority(), settings[0]->controllerClass().name),
+            std::tuple("Downloads", 6, "DFSettingsController"));
   auto sources = platform::RecentItemsRegistry::sharedInstance()->sources();
-  ASSERT_EQ(sources.size(), 1u);
-  EXPECT_EQ(sources[0], DFRecentItemsSource::sharedInstance());
+  EXPECT_EQ(sources, decltype(sources){DFRecentItemsSource::sharedInstance()});
 
   // The images the screens use are in the module's bundle.
-  auto bundle = platform::Bundle::bundleWithIdentifier(downloads[0]->iconBundle());
+  auto bundle = platform::Bundle::bundleWithIdentifier(menu.iconBundle());
   ASSERT_TRUE(bundle);
   for (const char* image : {"DFStart", "DFStop", "DFRemove", "DFSelect", "DFDeselect", "DFEnterUrl",
                             "DFDownloadsMenuItem", "DFRecentItems"})

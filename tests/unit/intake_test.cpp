@@ -17,6 +17,11 @@ class IntakeTest : public ::testing::Test {
     manager_ = DFDownloadManager::init();
     manager_->setDownloadsPermitted(false);
     server_.setRoute("/files/a.zip", {.size = 5000});
+    // Answers after a while, for tests that act while the URL is checked.
+    server_.setHandler("/slow.zip", [](const RecordedRequest&, int) {
+      std::this_thread::sleep_for(300ms);
+      return Behaviour{.size = 5000};
+    });
   }
 
   struct Outcome {
@@ -40,11 +45,9 @@ class IntakeTest : public ::testing::Test {
   std::shared_ptr<DFDownloadManager> manager_;
 };
 
-TEST_F(IntakeTest, ForbiddenHostsAreRefusedWithOneAdvertisementRequest) {
-  struct Case {
-    const char* url;
-    bool forbidden;
-  } cases[] = {
+TEST_F(IntakeTest, RefusalsShowTheirMessageQueueNothingAndRequestOneAdvertisement) {
+  // Whether each URL's host is one whose terms forbid downloading.
+  const std::pair<const char*, bool> hosts[] = {
       {"https://WWW.YouTube.com/watch?v=1", true},
       {"http://r3---sn-xyz.googlevideo.com/videoplayback", true},
       {"https://m.SoundCloud.com/a/b", true},
@@ -52,46 +55,54 @@ TEST_F(IntakeTest, ForbiddenHostsAreRefusedWithOneAdvertisementRequest) {
       {"https://myyoutubefan.example/x", true},
       {"http://127.0.0.1:1/vimeo/youtube.zip", false},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.url);
-    EXPECT_EQ(DFDownloadManager::forbiddenURL(*platform::URL::URLWithString(c.url)), c.forbidden);
+  for (const auto& [url, forbidden] : hosts) {
+    SCOPED_TRACE(url);
+    EXPECT_EQ(DFDownloadManager::forbiddenURL(*platform::URL::URLWithString(url)), forbidden);
   }
-  auto outcome = add("https://media.YOUTUBE.com/clip");
-  ASSERT_TRUE(wait(outcome));
-  const std::string message = "Download from this website is prohibited by its terms of use";
-  EXPECT_EQ(outcome->record, nullptr);
-  EXPECT_EQ(outcome->message, message);
-  EXPECT_EQ(host_.overlay().events, std::vector<std::string>{"alert: " + message});
-  EXPECT_EQ(host_.ads().requests, 1);
+  server_.setRoute("/song.mp3", {.size = 5000});
+  const std::string forbidden = "Download from this website is prohibited by its terms of use";
+  const std::string media = "Downloading of media content is prohibited";
+  // URL, the message the intake ends with, what the overlay shows.
+  const std::tuple<std::string, std::string, std::vector<std::string>> cases[] = {
+      // A forbidden host is refused before any request.
+      {"https://media.YOUTUBE.com/clip", forbidden, {"alert: " + forbidden}},
+      {server_.url("/song.mp3"), media, {"message: Checking URL...", "alert: " + media}},
+  };
+  for (const auto& [url, message, shown] : cases) {
+    SCOPED_TRACE(url);
+    host_.overlay().events.clear();
+    const int ads = host_.ads().requests;
+    auto outcome = add(url);
+    ASSERT_TRUE(wait(outcome));
+    EXPECT_EQ(outcome->record, nullptr);
+    EXPECT_EQ(outcome->message, message);
+    EXPECT_EQ(host_.overlay().events, shown);
+    EXPECT_EQ(host_.ads().requests, ads + 1);
+  }
   EXPECT_TRUE(manager_->downloadOperations().empty());
 }
 
-TEST_F(IntakeTest, KeywordInThePathIsProbedAndQueued) {
-  server_.setRoute("/vimeo/file.zip", {.size = 5000});
-  auto outcome = add(server_.url("/vimeo/file.zip"));
-  ASSERT_TRUE(wait(outcome));
-  ASSERT_TRUE(outcome->record);
-  EXPECT_EQ(server_.requests("/vimeo/file.zip").size(), 1u);
-  EXPECT_EQ(host_.overlay().events,
-            (std::vector<std::string>{"message: Checking URL...", "alert: File added to download queue"}));
-  ASSERT_EQ(host_.tips().tips.size(), 1u);
-  EXPECT_EQ(host_.tips().tips[0],
-            "Manage your downloads through the main menu item \"Downloads\".\n"
-            "The downloaded files will be moved to the \"Documents\" folder.");
-  EXPECT_EQ(host_.ads().requests, 1);
-}
-
-TEST_F(IntakeTest, AdditionsJoinTheBackAndTheQueueIsRenumbered) {
+TEST_F(IntakeTest, AdditionsAreProbedJoinTheBackAndTheQueueIsRenumbered) {
   struct Added : DFDownloadManagerDelegate {
     std::vector<int64_t> priorities;
     void downloadOperationAdded(DFDownloadManager&, const Record& r) override { priorities.push_back(r->priority()); }
   };
   auto observer = std::make_shared<Added>();
   manager_->addDelegate(observer);
-  for (int i = 0; i < 3; ++i) ASSERT_TRUE(wait(add(server_.url("/files/a.zip"))));
+  // A forbidden site's name in the path only is no refusal.
+  server_.setRoute("/vimeo/file.zip", {.size = 5000});
+  auto first = add(server_.url("/vimeo/file.zip"));
+  ASSERT_TRUE(wait(first));
+  ASSERT_TRUE(first->record);
+  EXPECT_EQ(server_.requests("/vimeo/file.zip").size(), 1u);
+  EXPECT_EQ(host_.overlay().events,
+            (std::vector<std::string>{"message: Checking URL...", "alert: File added to download queue"}));
+  EXPECT_EQ(host_.tips().tips, std::vector<std::string>{"Manage your downloads through the main menu item \"Downloads\".\n"
+                                                        "The downloaded files will be moved to the \"Documents\" folder."});
+  for (int i = 0; i < 2; ++i) ASSERT_TRUE(wait(add(server_.url("/files/a.zip"))));
   auto queue = manager_->downloadOperations();
   ASSERT_EQ(queue.size(), 3u);
-  EXPECT_NE(queue[0]->uniqueId(), queue[1]->uniqueId()) << "the same URL twice makes two records";
+  EXPECT_NE(queue[1]->uniqueId(), queue[2]->uniqueId()) << "the same URL twice makes two records";
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(queue[i]->priority(), i);
     EXPECT_TRUE(queue[i]->active());
@@ -120,47 +131,26 @@ TEST_F(IntakeTest, AdditionsJoinTheBackAndTheQueueIsRenumbered) {
   restarted->setDownloadsPermitted(false);
 }
 
-TEST_F(IntakeTest, CancelWhileCheckingEndsTheIntakeAndALateReportHasNoEffect) {
-  server_.setHandler("/slow.zip", [](const RecordedRequest&, int) {
-    std::this_thread::sleep_for(300ms);
-    return Behaviour{.size = 5000};
-  });
-  auto outcome = add(server_.url("/slow.zip"));
+TEST_F(IntakeTest, ACancelWhileCheckingOrAReportWithNeitherMessageNorNameQueuesNothing) {
+  auto cancelled = add(server_.url("/slow.zip"));
   ASSERT_TRUE(host_.overlay().cancelBlock);
   host_.overlay().cancelBlock();
-  EXPECT_TRUE(outcome->called);
-  EXPECT_EQ(outcome->message, "Cancelled");
-  EXPECT_EQ(outcome->record, nullptr);
-  host_.loop().runFor(700ms);
-  EXPECT_TRUE(manager_->downloadOperations().empty());
+  EXPECT_TRUE(cancelled->called);
+  EXPECT_EQ(cancelled->message, "Cancelled");
+  EXPECT_EQ(cancelled->record, nullptr);
   EXPECT_EQ(host_.ads().requests, 1);
-}
 
-TEST_F(IntakeTest, ProbeFailuresShowTheirMessageAndQueueNothing) {
-  server_.setRoute("/song.mp3", {.size = 5000});
-  auto outcome = add(server_.url("/song.mp3"));
-  ASSERT_TRUE(wait(outcome));
-  EXPECT_EQ(outcome->message, "Downloading of media content is prohibited");
-  EXPECT_EQ(host_.overlay().events.back(), "alert: Downloading of media content is prohibited");
-  EXPECT_TRUE(manager_->downloadOperations().empty());
-  EXPECT_EQ(host_.ads().requests, 1);
-}
-
-TEST_F(IntakeTest, AReportWithNeitherMessageNorNameQueuesNothing) {
-  server_.setHandler("/held.zip", [](const RecordedRequest&, int) {
-    std::this_thread::sleep_for(300ms);
-    return Behaviour{.size = 5000};
-  });
-  auto outcome = add(server_.url("/held.zip"));
+  auto unnamed = add(server_.url("/slow.zip"));
   auto loaders = manager_->infoLoadersForTesting();
   ASSERT_EQ(loaders.size(), 1u);
   manager_->downloadOperationInfoLoader(*loaders[0], std::nullopt);  // the record has no name yet
-  ASSERT_TRUE(wait(outcome));
-  EXPECT_EQ(outcome->record, nullptr);
-  EXPECT_EQ(outcome->message, std::nullopt);
+  ASSERT_TRUE(wait(unnamed));
+  EXPECT_EQ(unnamed->record, nullptr);
+  EXPECT_EQ(unnamed->message, std::nullopt);
   EXPECT_EQ(host_.overlay().events.back(), "alert: <none>");
   loaders[0]->cancel();
-  host_.loop().runFor(500ms);
+  // A late report of either has no effect.
+  host_.loop().runFor(700ms);
   EXPECT_TRUE(manager_->downloadOperations().empty());
 }
 

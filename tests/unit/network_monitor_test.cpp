@@ -13,12 +13,10 @@ TEST(Reachability, ClassifiesDefaultRoutesByTheirInterface) {
   const std::vector<LinkInfo> links = {
       {1, "lo", true},      {2, "eth0", true},  {3, "wlan0", true}, {4, "wwan0", true},
       {5, "ppp0", true},    {6, "eth1", false}, {7, "enp3s0", true}, {8, "wwan1", false},
+      {9, "vppp0", true},   {10, "wlp2s0", true},
   };
-  struct Case {
-    const char* name;
-    std::vector<int> defaults;
-    Reachability expected;
-  } cases[] = {
+  // What the case shows, the interfaces of the default routes, the reachability.
+  const std::tuple<const char*, std::vector<int>, Reachability> cases[] = {
       {"no default route", {}, {false, false}},
       {"wired Ethernet counts as Wi-Fi", {2}, {true, true}},
       {"Wi-Fi", {3}, {true, true}},
@@ -30,19 +28,14 @@ TEST(Reachability, ClassifiesDefaultRoutesByTheirInterface) {
       {"cellular and Wi-Fi", {4, 3}, {true, true}},
       {"down Wi-Fi and up cellular", {6, 4}, {true, false}},
       {"route through an unknown interface", {42}, {false, false}},
+      // Cellular names are prefixes: wwan and ppp at the start only.
+      {"a name with ppp inside", {9}, {true, true}},
+      {"Wi-Fi with a predictable name", {10}, {true, true}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(shelfkit::classifyReachability(c.defaults, links), c.expected);
+  for (const auto& [name, defaults, expected] : cases) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(shelfkit::classifyReachability(defaults, links), expected);
   }
-}
-
-TEST(Reachability, CellularNamesArePrefixes) {
-  EXPECT_TRUE(shelfkit::isCellularInterface("wwan0"));
-  EXPECT_TRUE(shelfkit::isCellularInterface("ppp1"));
-  EXPECT_FALSE(shelfkit::isCellularInterface("eth0"));
-  EXPECT_FALSE(shelfkit::isCellularInterface("wlp2s0"));
-  EXPECT_FALSE(shelfkit::isCellularInterface("vppp"));
 }
 
 TEST(NetlinkNetworkMonitor, AgreesWithAFreshReadOfTheRoutingTable) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 
 #include "module/core/DFDownloadManager.h"
@@ -11,6 +12,7 @@
 #include "tests/support/TestHost.h"
 #include "tests/support/TestHttpServer.h"
 
+namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 namespace {
@@ -27,6 +29,18 @@ class FakeLoader : public DFDownloadOperationDataLoader {
   }
 };
 
+// Stores active records with these names, in queue order, as an earlier run would have left them.
+void storeActiveRecords(const TestHost& host, const std::vector<std::string>& names, const std::string& url) {
+  auto db = shelfkit::SqliteRecordDatabase::open(host.layout().databasesDirectory() + "/DFDownloadManager.sqlite", 0);
+  for (size_t i = 0; i < names.size(); ++i) {
+    auto r = DFDownloadOperation::initWithURL(*platform::URL::URLWithString(url));
+    r->setFilename(names[i]);
+    r->setPriority(static_cast<int64_t>(i));
+    r->setActive(true);
+    db->insertItemWithUniqueId(r->uniqueId(), *r);
+  }
+}
+
 class SchedulingTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -42,17 +56,12 @@ class SchedulingTest : public ::testing::Test {
 
   // Saves active records f0..f(n-1) in queue order, then starts a manager.
   std::shared_ptr<DFDownloadManager> managerWithActiveRecords(int n) {
-    auto db = shelfkit::SqliteRecordDatabase::open(host_.layout().databasesDirectory() + "/DFDownloadManager.sqlite", 0);
-    for (int i = 0; i < n; ++i) {
-      auto r = DFDownloadOperation::initWithURL(*platform::URL::URLWithString("http://h.test/f" + std::to_string(i)));
-      r->setFilename("f" + std::to_string(i));
-      r->setPriority(i);
-      r->setActive(true);
-      db->insertItemWithUniqueId(r->uniqueId(), *r);
-    }
-    db.reset();
+    std::vector<std::string> names;
+    for (int i = 0; i < n; ++i) names.push_back("f" + std::to_string(i));
+    storeActiveRecords(host_, names, "http://h.test/f");
     auto manager = DFDownloadManager::init();
     manager->addDelegate(journal_);
+    journal_->take();
     return manager;
   }
 
@@ -68,44 +77,69 @@ class SchedulingTest : public ::testing::Test {
   std::map<std::string, std::shared_ptr<FakeLoader>> loaders_;
 };
 
-TEST_F(SchedulingTest, LimitStartsTheEarliestAndACompletionStartsTheNext) {
-  auto manager = managerWithActiveRecords(5);
-  EXPECT_EQ(running(*manager), (std::vector<std::string>{"f0", "f1", "f2"}));
-  journal_->take();
+using Events = std::vector<std::string>;
+
+TEST_F(SchedulingTest, TheLimitStartsTheEarliestAndAnEndingOrRemovedTransferMakesRoomForTheNext) {
+  auto manager = managerWithActiveRecords(7);
+  EXPECT_EQ(running(*manager), (Events{"f0", "f1", "f2"}));
   auto queue = manager->downloadOperations();
-  for (const auto& r : {queue[1], queue[2]})
+  for (const auto& r : {queue[0], queue[1], queue[2]})
     std::ofstream(DFDownloadManager::tmpFilePathForFilename(r->uniqueId())) << "done";
   queue[1]->setSize(4);
   queue[1]->setPosition(4);
   loaders_["f1"]->succeed();
-  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"completed f1", "removed f1", "started f3"}));
+  EXPECT_EQ(journal_->take(), (Events{"completed f1", "removed f1", "started f3"}));
   // A record of unknown size has written nothing by the scheduler's count: it ends Stopped.
   loaders_["f2"]->succeed();
-  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"stopped f2", "removed f2", "started f4"}));
-  EXPECT_EQ(running(*manager), (std::vector<std::string>{"f0", "f3", "f4"}));
+  EXPECT_EQ(journal_->take(), (Events{"stopped f2", "removed f2", "started f4"}));
+  EXPECT_EQ(running(*manager), (Events{"f0", "f3", "f4"}));
+
+  manager->removeDownloadOperation(queue[6]);  // not running
+  EXPECT_EQ(journal_->take(), (Events{"removed f6"}));
+  manager->removeDownloadOperation(queue[0]);  // running: its partial data goes too
+  EXPECT_EQ(journal_->take(), (Events{"stopped f0", "removed f0", "started f5"}));
+  EXPECT_FALSE(fs::exists(DFDownloadManager::tmpFilePathForFilename(queue[0]->uniqueId())));
+  manager.reset();
+  EXPECT_EQ(DFDownloadManager::init()->downloadOperations().size(), 3u) << "removed from the database too";
 }
 
-TEST_F(SchedulingTest, LimitChangesStopTheNewestOrStartMore) {
+TEST_F(SchedulingTest, LimitChangesAndDeactivationStopTheNewestAndStartInQueueOrder) {
   auto manager = managerWithActiveRecords(5);
-  journal_->take();
   manager->setMaxActiveDownloadCount(1);
-  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"stopped f1", "stopped f2"}));
-  EXPECT_EQ(running(*manager), (std::vector<std::string>{"f0"}));
+  EXPECT_EQ(journal_->take(), (Events{"stopped f1", "stopped f2"}));
+  EXPECT_EQ(running(*manager), (Events{"f0"}));
   manager->setMaxActiveDownloadCount(-1);
   EXPECT_EQ(running(*manager).size(), 5u) << "a negative limit is unbounded";
   manager->setMaxActiveDownloadCount(0);
   EXPECT_TRUE(running(*manager).empty());
   EXPECT_FALSE(manager->downloadsInProgress());
+  manager->setMaxActiveDownloadCount(3);
+  EXPECT_EQ(running(*manager), (Events{"f0", "f1", "f2"}));
+  journal_->take();
+
+  auto queue = manager->downloadOperations();
+  manager->setActive(false, queue[0]);
+  EXPECT_EQ(journal_->take(), (Events{"stopped f0", "started f3"}));
+  manager->setActive(false, queue[0]);
+  EXPECT_TRUE(journal_->take().empty()) << "no change, no event";
+  manager->setMaxActiveDownloadCount(5);
+  EXPECT_EQ(journal_->take(), (Events{"started f4"}));
+  manager->setActive(true, queue[0]);
+  EXPECT_EQ(journal_->take(), (Events{"started f0"}));
+  manager->stopDataLoadingForDownloadOperation(queue[0]);
+  manager->stopDataLoadingForDownloadOperation(queue[0]);
+  EXPECT_EQ(journal_->take(), (Events{"stopped f0"})) << "a second stop finds no loader";
 }
 
-TEST_F(SchedulingTest, TheGateStopsEveryTransferOnceEach) {
+TEST_F(SchedulingTest, TheGateStopsEveryTransferOnceEachAndAFailedRecordWaitsTenSeconds) {
+  platform::Date now = platform::now();
+  platform::setClockForTesting([&] { return now; });
   host_.network().setState(true, false);  // cellular only
   auto manager = managerWithActiveRecords(3);
   auto second = std::make_shared<Journal>();
   manager->addDelegate(second);
-  journal_->take();
   manager->setUseCellularData(false);
-  const std::vector<std::string> stopped = {"stopped f0", "stopped f1", "stopped f2"};
+  const Events stopped = {"stopped f0", "stopped f1", "stopped f2"};
   EXPECT_EQ(journal_->take(), stopped);
   EXPECT_EQ(second->take(), stopped);
   manager->setUseCellularData(true);
@@ -117,51 +151,24 @@ TEST_F(SchedulingTest, TheGateStopsEveryTransferOnceEach) {
   manager->setDownloadsPermitted(false);
   EXPECT_TRUE(running(*manager).empty());
   for (auto& r : manager->downloadOperations()) EXPECT_TRUE(r->active()) << "the gate keeps the active flags";
-}
 
-TEST_F(SchedulingTest, AFailedRecordWaitsTenSecondsBeforeItIsStartedAgain) {
-  platform::Date now = platform::now();
-  platform::setClockForTesting([&] { return now; });
-  auto manager = managerWithActiveRecords(1);
+  manager->setDownloadsPermitted(true);
   journal_->take();
   loaders_["f0"]->fail();
-  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"stopped f0"}));
+  EXPECT_EQ(journal_->take(), (Events{"stopped f0"}));
   now += 9s;
   manager->retryTimerFired();
   EXPECT_TRUE(journal_->take().empty());
   now += 2s;
   host_.network().setState(true, true);  // any event runs the scheduler
-  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"started f0"}));
-}
-
-TEST_F(SchedulingTest, DeactivatingStopsAndReactivatingStartsInQueueOrder) {
-  auto manager = managerWithActiveRecords(4);
-  auto queue = manager->downloadOperations();
-  journal_->take();
-  manager->setActive(false, queue[0]);
-  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"stopped f0", "started f3"}));
-  manager->setActive(false, queue[0]);
-  EXPECT_TRUE(journal_->take().empty()) << "no change, no event";
-  manager->setMaxActiveDownloadCount(4);
-  manager->setActive(true, queue[0]);
-  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"started f0"}));
-  manager->stopDataLoadingForDownloadOperation(manager->downloadOperations()[0]);
-  manager->stopDataLoadingForDownloadOperation(manager->downloadOperations()[0]);
-  EXPECT_EQ(journal_->take(), (std::vector<std::string>{"stopped f0"})) << "a second stop finds no loader";
+  EXPECT_EQ(journal_->take(), (Events{"started f0"}));
 }
 
 TEST(LoaderChoice, PlaylistsByExactExtensionOthersChunked) {
   TestHost host;
   TestHttpServer server;
   server.setRoute("/x", {.size = 10});
-  auto db = shelfkit::SqliteRecordDatabase::open(host.layout().databasesDirectory() + "/DFDownloadManager.sqlite", 0);
-  for (const char* name : {"a.M3U8", "b.m3u8", "c.zip", "d.m3u"}) {
-    auto r = DFDownloadOperation::initWithURL(*platform::URL::URLWithString(server.url("/x")));
-    r->setFilename(name);
-    r->setActive(true);
-    db->insertItemWithUniqueId(r->uniqueId(), *r);
-  }
-  db.reset();
+  storeActiveRecords(host, {"a.M3U8", "b.m3u8", "c.zip", "d.m3u"}, server.url("/x"));
   platform::UserDefaults::standardUserDefaults()->setInteger(-1, DFDownloadManager::kMaxActiveDownloadCountPreference);
   for (bool media : {true, false}) {
     SCOPED_TRACE(media ? "media library present" : "media library absent");
@@ -184,12 +191,7 @@ TEST(BackgroundEvents, ReachOnlyTheLoaderOfThatSession) {
   TestHost host;
   TestHttpServer server;
   server.setRoute("/x.zip", {.size = 1000000, .stallBeforeBody = 200ms});
-  auto db = shelfkit::SqliteRecordDatabase::open(host.layout().databasesDirectory() + "/DFDownloadManager.sqlite", 0);
-  auto r = DFDownloadOperation::initWithURL(*platform::URL::URLWithString(server.url("/x.zip")));
-  r->setFilename("x.zip");
-  r->setActive(true);
-  db->insertItemWithUniqueId(r->uniqueId(), *r);
-  db.reset();
+  storeActiveRecords(host, {"x.zip"}, server.url("/x.zip"));
   auto manager = DFDownloadManager::init();
   auto record = manager->downloadOperations()[0];
   auto loader = manager->dataLoaderForDownloadOperation(record);

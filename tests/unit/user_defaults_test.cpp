@@ -7,62 +7,43 @@
 #include <fstream>
 
 #include "shelfkit/runtime/JsonUserDefaults.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/Files.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/TestHost.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-
 class UserDefaultsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = makeTemporaryDirectory();
-    path_ = dir_ + "/defaults.json";
-  }
-  void TearDown() override {
-    fs::remove_all(dir_);
-  }
-  std::string dir_, path_;
+  void SetUp() override { fs::create_directory(dir_); }
+  TestHost host_;
+  const std::string dir_ = host_.layout().root + "/defaults";
+  const std::string path_ = dir_ + "/defaults.json";
   LogCapture log_;
-  std::vector<std::string>& logs_ = log_.lines;
 };
 
-TEST_F(UserDefaultsTest, ValuesSurviveSynchronizeAndReload) {
-  {
-    shelfkit::JsonUserDefaults defaults(path_);
-    defaults.setInteger(0, "zero");
-    defaults.setInteger(-1, "minusOne");
-    defaults.setBool(false, "off");
-    ASSERT_TRUE(defaults.synchronize());
-  }
-  shelfkit::JsonUserDefaults reloaded(path_);
-  EXPECT_EQ(reloaded.integerForKey("zero"), 0);
-  EXPECT_EQ(reloaded.integerForKey("minusOne"), -1);
-  EXPECT_EQ(reloaded.boolForKey("off"), false);
-  EXPECT_EQ(reloaded.integerForKey("absent"), std::nullopt);
-}
-
-TEST_F(UserDefaultsTest, TypedReadsFollowTheStoredObject) {
+TEST_F(UserDefaultsTest, TypedReadsFollowTheStoredObjectBeforeAndAfterAReload) {
   shelfkit::JsonUserDefaults defaults(path_);
-  struct Case {
-    nlohmann::json stored;
-    std::optional<int64_t> integer;
-    std::optional<bool> boolean;
-  } cases[] = {
-      {5, 5, true},         {0, 0, false},         {true, 1, true},        {false, 0, false},
-      {"7", 7, true},       {"YES", 0, true},      {"no", 0, false},       {2.9, 2, true},
-      {nullptr, std::nullopt, std::nullopt},       {nlohmann::json::array(), std::nullopt, std::nullopt},
+  // The stored object, and what it reads as an integer and as a boolean.
+  const std::tuple<nlohmann::json, std::optional<int64_t>, std::optional<bool>> cases[] = {
+      {5, 5, true},         {0, 0, false},         {-1, -1, true},         {true, 1, true},
+      {false, 0, false},    {"7", 7, true},        {"YES", 0, true},       {"no", 0, false},
+      {2.9, 2, true},       {nullptr, std::nullopt, std::nullopt},         {nlohmann::json::array(), std::nullopt, std::nullopt},
       // Beyond 64 bits (a hand-edited file): clamped.
       {1e300, INT64_MAX, true}, {-1e300, INT64_MIN, true}, {18446744073709551615ULL, INT64_MAX, true},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.stored.dump());
-    defaults.setObject(c.stored, "k");
-    EXPECT_EQ(defaults.integerForKey("k"), c.integer);
-    EXPECT_EQ(defaults.boolForKey("k"), c.boolean);
+  for (const auto& [stored, integer, boolean] : cases) {
+    SCOPED_TRACE(stored.dump());
+    defaults.setObject(stored, "k");
+    ASSERT_TRUE(defaults.synchronize());
+    shelfkit::JsonUserDefaults reloaded(path_);
+    for (auto* read : {&defaults, &reloaded}) {
+      EXPECT_EQ(read->integerForKey("k"), integer);
+      EXPECT_EQ(read->boolForKey("k"), boolean);
+      EXPECT_EQ(read->integerForKey("absent"), std::nullopt);
+    }
   }
 }
 
@@ -71,13 +52,13 @@ TEST_F(UserDefaultsTest, InvalidFileIsKeptAsideAndDefaultsApply) {
     SCOPED_TRACE(bad);
     fs::remove(path_ + ".corrupt");
     std::ofstream(path_) << bad;
-    logs_.clear();
+    log_.lines.clear();
     shelfkit::JsonUserDefaults defaults(path_);
     EXPECT_FALSE(defaults.objectForKey("DFMaxActiveDownloadCountPreference"));
     EXPECT_EQ(readFile(path_ + ".corrupt"), bad);
     EXPECT_FALSE(fs::exists(path_));
-    ASSERT_EQ(logs_.size(), 1u);
-    EXPECT_NE(logs_[0].find("kept aside"), std::string::npos);
+    ASSERT_EQ(log_.lines.size(), 1u);
+    EXPECT_NE(log_.lines[0].find("kept aside"), std::string::npos);
   }
 }
 
@@ -103,9 +84,7 @@ TEST_F(UserDefaultsTest, FailedWriteLeavesThePreviousFileWholeAndNoTemporaryFile
 
   EXPECT_FALSE(written);
   EXPECT_EQ(readFile(path_), before);
-  int files = 0;
-  for (auto& entry : fs::directory_iterator(dir_)) files += entry.is_regular_file();
-  EXPECT_EQ(files, 1) << "no temporary file is left behind";
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 1) << "no temporary file is left behind";
 }
 
 }  // namespace
