@@ -117,7 +117,7 @@ TEST(TableScreen, PatchesCarryRowChangesBeforeTheCellsOfTheNewRows) {
   EXPECT_EQ(ops[0], nlohmann::json::parse(R"({"op": "insertRows", "section": 0, "rows": [3], "heights": [44.0]})"));
   EXPECT_EQ(ops[1]["op"], "cells");
   EXPECT_EQ(ops[1]["cells"][0]["row"], 3);
-  EXPECT_EQ(ops[2], nlohmann::json::parse(R"({"op": "selection", "rows": [[0, 3]]})"));
+  EXPECT_EQ(ops[2], nlohmann::json::parse(R"({"op": "selection", "rows": [[0, 3]], "keys": []})"));
   EXPECT_FALSE(controller->hasPendingChanges());
 }
 
