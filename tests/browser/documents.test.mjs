@@ -1,11 +1,10 @@
-// Managing the documents folder from the Documents screen and through the API.
+// Managing the documents folder from the Documents screen.
 import { test, describe, before } from 'node:test';
 import assert from 'node:assert/strict';
-import { readdir, readFile, writeFile } from 'node:fs/promises';
+import { readdir, readFile, unlink, writeFile } from 'node:fs/promises';
 import path from 'node:path';
-import { unlink } from 'node:fs/promises';
 import {
-  PHONE, api, cleanups, eventually, openMenu, openPage, request, shot, startShelf, takeAlert, tempRoot, useBrowser,
+  PHONE, cleanups, eventually, openMenu, openPage, shot, startShelf, takeAlert, tempRoot, useBrowser,
 } from './support.mjs';
 
 useBrowser();
@@ -24,7 +23,7 @@ describe('documents', { timeout: 5 * 60_000 }, () => {
     for (const name of ['a.txt', 'b.txt', 'c.txt']) await writeFile(path.join(docs, name), name);
   });
 
-  test('delete asks first; cancel keeps the file', async (t) => {
+  test('delete asks first and cancel keeps the file; rename refuses hostile and taken names visibly', async (t) => {
     const page = await openPage((f) => t.after(f), shelf.url);
     await openMenu(page, 'Documents');
     await eventually(() => listed(page), (v) => assert.deepEqual(v, ['a.txt', 'b.txt', 'c.txt']));
@@ -38,12 +37,8 @@ describe('documents', { timeout: 5 * 60_000 }, () => {
     await dialog.getByRole('button', { name: 'Delete' }).click();
     await eventually(() => listed(page), (v) => assert.deepEqual(v, ['a.txt', 'b.txt']));
     assert.deepEqual((await readdir(docs)).sort(), ['a.txt', 'b.txt']);
-  });
 
-  test('rename offers the name, refuses hostile and taken names visibly, then renames', async (t) => {
-    const page = await openPage((f) => t.after(f), shelf.url);
-    await openMenu(page, 'Documents');
-    const dialog = page.getByRole('dialog');
+    // Rename offers the name, refuses hostile and taken names visibly, then renames.
     const rename = async (from, to) => {
       await page.getByRole('button', { name: `Rename ${from}` }).click();
       const box = dialog.getByRole('textbox');
@@ -60,28 +55,6 @@ describe('documents', { timeout: 5 * 60_000 }, () => {
     await rename('a.txt', 'report 2.txt');
     await eventually(() => listed(page), (v) => assert.deepEqual(v, ['b.txt', 'report 2.txt']));
     assert.equal(await readFile(path.join(docs, 'report 2.txt'), 'utf8'), 'a.txt');
-  });
-
-  test('the API changes documents only for our own origin, as JSON, not from another site', async () => {
-    await writeFile(path.join(docs, 'keep.txt'), 'keep');
-    const json = { 'content-type': 'application/json' };
-    const cases = [
-      { what: 'foreign origin', headers: { ...json, origin: 'http://evil.example' }, status: 403 },
-      { what: 'not JSON', headers: { 'content-type': 'text/plain' }, status: 415 },
-      { what: 'cross-site', headers: { ...json, 'sec-fetch-site': 'cross-site' }, status: 403 },
-      { what: 'out of the folder', path: '/api/documents/..%2FLibrary%2FAccessToken', headers: json, status: 404 },
-    ];
-    for (const c of cases) {
-      const r = await request(shelf.url, { method: 'DELETE', path: c.path ?? '/api/documents/keep.txt', headers: c.headers });
-      assert.equal(r.status, c.status, c.what);
-    }
-    const renamed = await request(shelf.url, { method: 'POST', path: '/api/documents/keep.txt/rename',
-      headers: { 'content-type': 'application/json', origin: 'http://evil.example' }, body: '{"name":"stolen.txt"}' });
-    assert.equal(renamed.status, 403);
-    assert.ok((await readdir(docs)).includes('keep.txt'));
-    assert.equal((await api(shelf.url, 'POST', '/api/documents/keep.txt/rename', { name: 'kept.txt' })).status, 200);
-    assert.equal((await api(shelf.url, 'DELETE', '/api/documents/kept.txt')).status, 204);
-    assert.ok(!(await readdir(docs)).includes('kept.txt'));
   });
 
   test('on a phone a long name is cut in the middle and keeps its extension', async (t) => {

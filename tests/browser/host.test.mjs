@@ -14,32 +14,6 @@ useBrowser();
 
 // --- Groups -----------------------------------------------------------------
 
-describe('an empty queue', { timeout: 5 * 60_000 }, () => {
-  const defer = cleanups();
-  let shelf, page;
-  before(async () => {
-    shelf = await startShelf(await tempRoot(defer));
-    defer(() => shelf.stop());
-    page = await openPage(defer, shelf.url);
-    await openMenu(page, 'Downloads');
-  });
-
-  test('only entering a URL is possible', async () => {
-    await eventually(() => tools(page), (v) => assert.deepEqual(v,
-      { 'Enter URL': true, Start: false, Stop: false, Remove: false, 'Select All': false, 'Deselect All': false }));
-  });
-
-  test('text that gives no http(s) address with a host is an incorrect URL', async () => {
-    for (const text of ['http://', 'ftp://x', 'file:///etc/passwd', 'http://?x', '   ']) {
-      await enterUrl(page, text);
-      assert.equal(await takeAlert(page), 'Incorrect URL', text);
-      assert.equal(await page.locator('#overlay').isHidden(), true, text);
-    }
-    assert.deepEqual(await rows(page), []);
-    assert.deepEqual((await api(shelf.url, 'GET', '/api/downloads')).body, []);
-  });
-});
-
 describe('adding a URL through the screen', { timeout: 8 * 60_000 }, () => {
   const defer = cleanups();
   let root, shelf, files;
@@ -55,6 +29,20 @@ describe('adding a URL through the screen', { timeout: 8 * 60_000 }, () => {
     defer(() => files.close());
     shelf = await startShelf(root);
     defer(() => shelf.stop());
+  });
+
+  test('an empty queue allows only entering a URL; text without an http(s) host is an incorrect URL', async (t) => {
+    const page = await openPage((f) => t.after(f), shelf.url);
+    await openMenu(page, 'Downloads');
+    await eventually(() => tools(page), (v) => assert.deepEqual(v,
+      { 'Enter URL': true, Start: false, Stop: false, Remove: false, 'Select All': false, 'Deselect All': false }));
+    for (const text of ['http://', 'ftp://x', 'file:///etc/passwd', 'http://?x', '   ']) {
+      await enterUrl(page, text);
+      assert.equal(await takeAlert(page), 'Incorrect URL', text);
+      assert.equal(await page.locator('#overlay').isHidden(), true, text);
+    }
+    assert.deepEqual(await rows(page), []);
+    assert.deepEqual((await api(shelf.url, 'GET', '/api/downloads')).body, []);
   });
 
   test('cancelling "Checking URL..." adds nothing', async (t) => {
@@ -252,12 +240,14 @@ describe('the settings page', { timeout: 5 * 60_000 }, () => {
     }
   });
 
-  test('the stepper stays within 1 to 10 and stores its value', async (t) => {
+  test('the page shows the stored count; the stepper stays within 1 to 10 and stores its value', async (t) => {
+    assert.equal((await api(shelf.url, 'PUT', '/api/settings', { maxActiveDownloadCount: 4 })).status, 200);
     const page = await openSettings(t);
-    await eventually(() => stepperValue(page), (v) => assert.equal(v, '3'));
+    await eventually(() => stepperValue(page), (v) => assert.equal(v, '4'));
     const stepper = page.getByRole('group', { name: 'Active Downloads Count' });
     for (const [button, step, limit] of [['Decrease', -1, 1], ['Increase', 1, 10]]) {
       const control = stepper.getByRole('button', { name: button });
+      assert.equal(await control.isDisabled(), false, `${button} enabled before ${limit}`);
       for (let value = Number(await stepperValue(page)); value !== limit; ) {
         await control.click();
         value += step;
@@ -266,13 +256,6 @@ describe('the settings page', { timeout: 5 * 60_000 }, () => {
       }
       assert.equal(await control.isDisabled(), true, `${button} disabled at ${limit}`);
     }
-  });
-
-  test('the page shows the stored count', async (t) => {
-    assert.equal((await api(shelf.url, 'PUT', '/api/settings', { maxActiveDownloadCount: 4 })).status, 200);
-    const page = await openSettings(t);
-    await eventually(() => stepperValue(page), (v) => assert.equal(v, '4'));
-    for (const name of ['Decrease', 'Increase']) assert.equal(await page.getByRole('button', { name }).isDisabled(), false);
   });
 
   test('on a narrow screen the menu is a drawer', async (t) => {
@@ -336,27 +319,41 @@ describe('security', { timeout: 5 * 60_000 }, () => {
     await writeFile(path.join(root, 'Documents', 'ok.txt'), 'ok');
   });
 
-  test('only our own Host and Origin are served', async () => {
+  test('only our own Host and Origin are served, and changes come only as JSON from this site', async () => {
+    const [json, text, form] = ['application/json', 'text/plain', 'application/x-www-form-urlencoded']
+      .map((type) => ({ 'content-type': type }));
+    const evil = 'http://evil.example', settings = '{"maxActiveDownloadCount":7}';
+    const add = JSON.stringify({ url: files.url('x.bin.txt') }), share = `share_url=${encodeURIComponent(files.url('x.bin.txt'))}`;
+    const ws = (o) => ({ connection: 'Upgrade', upgrade: 'websocket', 'sec-websocket-version': '13',
+      'sec-websocket-key': randomBytes(16).toString('base64'), origin: o });
     const cases = [
-      { what: 'own host', path: '/api/settings', headers: {}, status: 200 },
+      { what: 'own host', path: '/api/settings', status: 200 },
       { what: 'foreign host', path: '/', headers: { host: `evil.example:${port}` }, status: 403 },
       { what: 'foreign host, API', path: '/api/settings', headers: { host: `evil.example:${port}` }, status: 403 },
       { what: 'other port', path: '/api/settings', headers: { host: `127.0.0.1:${Number(port) + 1}` }, status: 403 },
-      { what: 'foreign origin', path: '/api/settings', headers: { origin: 'http://evil.example' }, status: 403 },
+      { what: 'foreign origin', path: '/api/settings', headers: { origin: evil }, status: 403 },
       { what: 'own origin', path: '/api/settings', headers: { origin }, status: 200 },
+      { what: 'foreign origin PUT', method: 'PUT', path: '/api/settings', headers: { ...json, origin: evil }, body: settings, status: 403 },
+      { what: 'foreign WebSocket', path: '/ws', headers: ws(evil), status: 403 },
+      { what: 'own WebSocket', path: '/ws', headers: ws(origin), status: 101 },
+      { what: 'text/plain POST', method: 'POST', path: '/api/downloads', headers: text, body: add, status: 415 },
+      { what: 'form POST', method: 'POST', path: '/api/downloads', headers: form, body: add, status: 415 },
+      { what: 'cross-site PUT', method: 'PUT', path: '/api/settings', headers: { ...text, 'sec-fetch-site': 'cross-site' }, body: settings, status: 403 },
+      { what: 'cross-site JSON', method: 'PUT', path: '/api/settings', headers: { ...json, 'sec-fetch-site': 'cross-site' }, body: settings, status: 403 },
+      { what: 'document deleted from a foreign origin', method: 'DELETE', path: '/api/documents/ok.txt', headers: { ...json, origin: evil }, status: 403 },
+      { what: 'document deleted without JSON', method: 'DELETE', path: '/api/documents/ok.txt', headers: text, status: 415 },
+      { what: 'document deleted cross-site', method: 'DELETE', path: '/api/documents/ok.txt', headers: { ...json, 'sec-fetch-site': 'cross-site' }, status: 403 },
+      { what: 'document deleted out of the folder', method: 'DELETE', path: '/api/documents/..%2FLibrary%2FAccessToken', headers: json, status: 404 },
+      { what: 'document renamed from a foreign origin', method: 'POST', path: '/api/documents/ok.txt/rename', headers: { ...json, origin: evil }, body: '{"name":"stolen.txt"}', status: 403 },
+      // The share target takes no post, from another site least of all.
+      { what: 'a form post to the share target', method: 'POST', path: '/', headers: form, body: share, status: 405 },
+      { what: 'a cross-site post to the share target', method: 'POST', path: '/', headers: { ...form, 'sec-fetch-site': 'cross-site' }, body: share, status: 405 },
+      { what: 'a foreign post to the share target', method: 'POST', path: '/', headers: { ...form, origin: evil }, body: share, status: 403 },
     ];
     for (const c of cases) assert.equal((await request(shelf.url, c)).status, c.status, c.what);
-    const put = await request(shelf.url, { method: 'PUT', path: '/api/settings', body: '{"maxActiveDownloadCount":7}',
-      headers: { origin: 'http://evil.example', 'content-type': 'application/json' } });
-    assert.equal(put.status, 403);
     assert.equal((await api(shelf.url, 'GET', '/api/settings')).body.maxActiveDownloadCount, 3, 'unchanged');
-  });
-
-  test('a WebSocket from a foreign origin is refused', async () => {
-    const upgrade = (o) => request(shelf.url, { path: '/ws', headers: { connection: 'Upgrade', upgrade: 'websocket',
-      'sec-websocket-version': '13', 'sec-websocket-key': randomBytes(16).toString('base64'), origin: o } });
-    assert.equal((await upgrade('http://evil.example')).status, 403);
-    assert.equal((await upgrade(origin)).status, 101, 'our own origin still connects');
+    assert.equal((await api(shelf.url, 'GET', '/api/downloads')).body.length, 0, 'nothing queued');
+    assert.equal(await readFile(path.join(root, 'Documents', 'ok.txt'), 'utf8'), 'ok', 'the document is untouched');
   });
 
   test('no other page shows the UI in a frame', async (t) => {
@@ -377,22 +374,6 @@ describe('security', { timeout: 5 * 60_000 }, () => {
     assert.equal(await own.locator('#own').count(), 1, 'a frame of its own loads');
     assert.equal(await framed.locator('#table').count(), 0, 'the UI is not rendered in the frame');
     assert.deepEqual(sockets, [], 'no WebSocket is opened from the frame');
-  });
-
-  test('changes come only as JSON, and not from another site', async () => {
-    const cases = [
-      { what: 'text/plain POST', method: 'POST', path: '/api/downloads', type: 'text/plain', status: 415 },
-      { what: 'form POST', method: 'POST', path: '/api/downloads', type: 'application/x-www-form-urlencoded', status: 415 },
-      { what: 'cross-site PUT', method: 'PUT', path: '/api/settings', type: 'text/plain', site: 'cross-site', status: 403 },
-      { what: 'cross-site JSON', method: 'PUT', path: '/api/settings', type: 'application/json', site: 'cross-site', status: 403 },
-    ];
-    for (const c of cases) {
-      const headers = { 'content-type': c.type, ...(c.site ? { 'sec-fetch-site': c.site } : {}) };
-      const body = c.path === '/api/settings' ? '{"maxActiveDownloadCount":7}' : JSON.stringify({ url: files.url('x.bin.txt') });
-      assert.equal((await request(shelf.url, { method: c.method, path: c.path, headers, body })).status, c.status, c.what);
-    }
-    assert.equal((await api(shelf.url, 'GET', '/api/settings')).body.maxActiveDownloadCount, 3, 'unchanged');
-    assert.equal((await api(shelf.url, 'GET', '/api/downloads')).body.length, 0, 'nothing queued');
   });
 
   test('no path leaves Documents', async () => {

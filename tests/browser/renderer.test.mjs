@@ -5,7 +5,7 @@ import http from 'node:http';
 import { readFile } from 'node:fs/promises';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
-import { chromium } from 'playwright-core';
+import { browser, useBrowser } from './support.mjs';
 
 const WEB = fileURLToPath(new URL('../../shelf/web/', import.meta.url));
 const TYPES = { '.html': 'text/html', '.js': 'text/javascript', '.css': 'text/css' };
@@ -16,8 +16,8 @@ const HELLO = { t: 'hello', title: 'Shelf', strings: { OK: 'OK', Cancel: 'Cancel
 
 const ICON = '<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 10 10"><rect width="10" height="10"/></svg>';
 
-let server, browser, base;
-
+useBrowser();
+let server, base;
 before(async () => {
   server = http.createServer(async (req, res) => {
     if (req.url.endsWith('.svg')) return res.writeHead(200, { 'content-type': 'image/svg+xml' }).end(ICON);
@@ -32,13 +32,8 @@ before(async () => {
   });
   await new Promise((ok) => server.listen(0, '127.0.0.1', ok));
   base = `http://127.0.0.1:${server.address().port}/`;
-  browser = await chromium.launch({ executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox'] });
 });
-
-after(async () => {
-  await browser?.close();
-  server?.close();
-});
+after(() => server?.close());
 
 async function until(what, fn, ms = 5000) {
   for (const end = Date.now() + ms; Date.now() < end; await new Promise((r) => setTimeout(r, 20))) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,10 +14,8 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <mutex>
 #include <thread>
 
-#include <nlohmann/json.hpp>
 #include <sqlite3.h>
 
 #include "tests/support/Files.h"
@@ -28,43 +27,30 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// One `shelf` process: standard output and error together, standard input
-// given up front. Waited for (or killed) by its process id.
+// One `shelf` process: standard output and error together into a file,
+// standard input read from one. Waited for (or killed) by its process id.
 class ShelfProcess {
  public:
-  explicit ShelfProcess(const std::vector<std::string>& arguments, const std::string& input = "") {
-    int out[2], in[2];
-    if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(in, O_CLOEXEC) != 0) return;
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(in[0], STDIN_FILENO);
-      ::dup2(out[1], STDOUT_FILENO);
-      ::dup2(out[1], STDERR_FILENO);
-      std::vector<char*> argv{const_cast<char*>(SHELF_BINARY)};
-      for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      ::execv(SHELF_BINARY, argv.data());
-      ::_exit(127);
-    }
-    ::close(out[1]);
-    ::close(in[0]);
-    if (!input.empty()) (void)!::write(in[1], input.data(), input.size());  // small: fits the pipe
-    ::close(in[1]);
-    reader_ = std::thread([this, fd = out[0]] {
-      char buffer[4096];
-      ssize_t n;
-      while ((n = ::read(fd, buffer, sizeof buffer)) > 0) {
-        std::lock_guard lock(mutex_);
-        output_.append(buffer, static_cast<size_t>(n));
-      }
-      ::close(fd);
-    });
+  explicit ShelfProcess(const std::vector<std::string>& arguments, const std::string& input = "")
+      : folder_(makeTemporaryDirectory()) {
+    std::ofstream(folder_ + "/in") << input;
+    std::vector<char*> argv{const_cast<char*>(SHELF_BINARY)};
+    for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, (folder_ + "/in").c_str(), O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, (folder_ + "/out").c_str(), O_WRONLY | O_CREAT, 0600);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    if (::posix_spawn(&pid_, SHELF_BINARY, &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
   }
   ~ShelfProcess() {
     if (pid_ > 0 && !waited_) {
       ::kill(pid_, SIGKILL);
       wait();
     }
+    fs::remove_all(folder_);
   }
   void signal(int number) { ::kill(pid_, number); }
   // The exit status, or 128 + the signal that ended it.
@@ -72,20 +58,14 @@ class ShelfProcess {
     int status = 0;
     ::waitpid(pid_, &status, 0);
     waited_ = true;
-    if (reader_.joinable()) reader_.join();
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
-  std::string output() const {  // complete after wait()
-    std::lock_guard lock(mutex_);
-    return output_;
-  }
+  std::string output() const { return readFile(folder_ + "/out"); }
 
  private:
+  const std::string folder_;
   pid_t pid_ = -1;
   bool waited_ = false;
-  std::thread reader_;
-  mutable std::mutex mutex_;
-  std::string output_;
 };
 
 struct Finished {
@@ -123,37 +103,27 @@ int64_t savedPosition(const std::string& out, const std::string& name) {
   sqlite3* db = nullptr;
   int64_t position = -1;
   const std::string path = statePath(out) + "/Databases/DFDownloadManager.sqlite";
+  const std::string query = "SELECT json_extract(CAST(data AS TEXT), '$.position.int64') FROM items "
+                            "WHERE json_extract(CAST(data AS TEXT), '$.filename.string') = '" + name + "'";
   if (fs::exists(path) && sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(db, "SELECT data FROM items", -1, &statement, nullptr) == SQLITE_OK) {
-      while (sqlite3_step(statement) == SQLITE_ROW) {
-        const auto* data = static_cast<const char*>(sqlite3_column_blob(statement, 0));
-        const auto record = nlohmann::json::parse(data, data + sqlite3_column_bytes(statement, 0), nullptr, false);
-        if (record.is_object() && record.value("filename", nlohmann::json()).value("string", "") == name)
-          position = record["position"].value("int64", int64_t{-1});
-      }
-    }
-    sqlite3_finalize(statement);
+    auto read = [](void* into, int, char** values, char**) {
+      *static_cast<int64_t*>(into) = values[0] ? std::stoll(values[0]) : -1;
+      return 0;
+    };
+    sqlite3_exec(db, query.c_str(), read, &position, nullptr);
   }
   sqlite3_close(db);
   return position;
 }
 
-// The first byte each request asked for, in order; the probe's one byte is left out.
+// The first byte each request from `from` on asked for, in order; the probe's one byte is left out.
 std::vector<int64_t> rangeStarts(const std::vector<RecordedRequest>& requests, size_t from = 0) {
   std::vector<int64_t> starts;
   for (size_t i = from; i < requests.size(); ++i) {
     const auto range = requests[i].header("Range");
-    if (!range || *range == "bytes=1-1") continue;
-    starts.push_back(std::stoll(range->substr(6)));
+    if (range && *range != "bytes=1-1") starts.push_back(std::stoll(range->substr(6)));
   }
   return starts;
-}
-
-std::optional<int64_t> rangeStart(const RecordedRequest& request) {
-  const auto range = request.header("Range");
-  if (!range || !range->starts_with("bytes=")) return std::nullopt;
-  return std::stoll(range->substr(6));
 }
 
 TEST(ShelfGetResume, AnInterruptedRunContinuesFromTheLastCompleteChunk) {
@@ -175,7 +145,8 @@ TEST(ShelfGetResume, AnInterruptedRunContinuesFromTheLastCompleteChunk) {
     std::atomic<bool> holding = true;
     server.setHandler("/big.dat", [&](const RecordedRequest& request, int) {
       Behaviour b{.size = size};
-      if (holding && rangeStart(request).value_or(0) >= kept) {
+      const auto starts = rangeStarts({request});
+      if (holding && !starts.empty() && starts[0] >= kept) {
         if (c.signal != 0) b.stallAtByte = 0;
         else b.dropAfterBytes = 1000;
       }
@@ -292,17 +263,6 @@ TEST(ShelfGetResume, ASecondRunOnTheSameFolderIsTurnedAway) {
   fs::remove_all(out);
 }
 
-std::vector<std::string> sortedLines(const std::string& text) {
-  std::vector<std::string> lines;
-  for (size_t start = 0, end; start < text.size(); start = end + 1) {
-    end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    lines.push_back(text.substr(start, end - start));
-  }
-  std::sort(lines.begin(), lines.end());
-  return lines;
-}
-
 TEST(ShelfGetInput, ListsOfAddresses) {
   TestHttpServer server;
   server.setRoute("/a.txt", {.size = 3000, .mimeType = "text/plain"});
@@ -317,20 +277,20 @@ TEST(ShelfGetInput, ListsOfAddresses) {
     std::vector<std::string> arguments;
     std::string input;
     int status;
-    std::string output;  // all of it, when `exact` (OUT: the output folder); else a part of it
-    bool exact;
+    std::vector<std::string> lines;  // each is in the output, in any order (OUT: the output folder)
+    bool exact;                      // and nothing else is
   } cases[] = {
       {"comments and blank lines on standard input, quiet",
        {"get", "-q", "-i", "-"},
        "# files\n\n" + a + "\n   " + b + "  \r\n",
        0,
-       "OUT/a.txt\nOUT/b.txt\n",
+       {"OUT/a.txt\n", "OUT/b.txt\n"},
        true},
-      {"a bad line stops everything", {"get", "-i", folder + "/bad.txt"}, "", 2, "bad.txt:2: not a web address", false},
-      {"a list with no address", {"get", "-i", folder + "/empty.txt"}, "", 2, "no address", false},
-      {"a list that is not there", {"get", "-i", folder + "/missing.txt"}, "", 2, "cannot read the list", false},
-      {"an unknown option", {"get", "--bogus", a}, "", 2, "--bogus", false},
-      {"the help tells the exit statuses", {"get", "--help"}, "", 0, "130  interrupted", false},
+      {"a bad line stops everything", {"get", "-i", folder + "/bad.txt"}, "", 2, {"bad.txt:2: not a web address"}, false},
+      {"a list with no address", {"get", "-i", folder + "/empty.txt"}, "", 2, {"no address"}, false},
+      {"a list that is not there", {"get", "-i", folder + "/missing.txt"}, "", 2, {"cannot read the list"}, false},
+      {"an unknown option", {"get", "--bogus", a}, "", 2, {"--bogus"}, false},
+      {"the help tells the exit statuses", {"get", "--help"}, "", 0, {"130  interrupted"}, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -340,12 +300,14 @@ TEST(ShelfGetInput, ListsOfAddresses) {
     const size_t before = server.requests().size();
     const Finished run = runShelf(arguments, c.input);
     EXPECT_EQ(run.status, c.status) << run.output;
-    if (c.exact) {  // the same lines, in any order: downloads end in any order
-      std::string expected = c.output;
-      for (size_t at; (at = expected.find("OUT")) != std::string::npos;) expected.replace(at, 3, out);
-      EXPECT_EQ(sortedLines(run.output), sortedLines(expected)) << run.output;
-    } else {
-      EXPECT_NE(run.output.find(c.output), std::string::npos) << run.output;
+    size_t length = 0;
+    for (auto line : c.lines) {
+      if (line.starts_with("OUT")) line.replace(0, 3, out);
+      EXPECT_NE(run.output.find(line), std::string::npos) << run.output;
+      length += line.size();
+    }
+    if (c.exact) {
+      EXPECT_EQ(run.output.size(), length) << run.output;
     }
     if (c.status != 0) {
       EXPECT_EQ(server.requests().size(), before) << "nothing was started";

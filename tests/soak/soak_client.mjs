@@ -6,21 +6,11 @@
 //   smallest-program FILE   from `ffprobe -show_programs -of json` output: the program_id
 //                           whose video is the narrowest (the variant the module takes)
 import fs from 'node:fs';
-import http from 'node:http';
 
-function request(method, url, body, timeoutMs) {
-  return new Promise((resolve, reject) => {
-    const req = http.request(url, { method, headers: body ? { 'Content-Type': 'application/json' } : {} }, (res) => {
-      let text = '';
-      res.setEncoding('utf8');
-      res.on('data', (d) => { text += d; });
-      res.on('end', () => resolve({ status: res.statusCode, text }));
-      res.on('error', reject);
-    });
-    req.setTimeout(timeoutMs, () => req.destroy(new Error('timed out')));
-    req.on('error', reject);
-    req.end(body);
-  });
+async function request(method, url, body, timeoutMs) {
+  const headers = body ? { 'Content-Type': 'application/json' } : {};
+  const response = await fetch(url, { method, body, headers, signal: AbortSignal.timeout(timeoutMs) });
+  return { status: response.status, text: await response.text() };
 }
 
 const [command, ...rest] = process.argv.slice(2);

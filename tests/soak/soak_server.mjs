@@ -53,44 +53,23 @@ function lookup(urlPath) {
   return null;
 }
 
-function contentType(name) {
-  if (name.endsWith('.m3u8')) return 'application/vnd.apple.mpegurl';
-  if (name.endsWith('.ts')) return 'video/mp2t';
-  if (name.endsWith('.txt')) return 'text/plain';
-  if (name.endsWith('.pdf')) return 'application/pdf';
-  if (name.endsWith('.zip')) return 'application/zip';
-  return 'application/octet-stream';
-}
+const TYPES = { '.m3u8': 'application/vnd.apple.mpegurl', '.ts': 'video/mp2t', '.txt': 'text/plain',
+  '.pdf': 'application/pdf', '.zip': 'application/zip' };
 
-// [first, last] of a single "bytes=" range against `size`; null: no usable Range; 'bad': unsatisfiable.
+// [first, last] of a "bytes=a-" or "bytes=a-b" range against `size`; null: no usable Range; 'bad': unsatisfiable.
+// (Neither the module nor ffmpeg asks for a suffix range.)
 function parseRange(header, size) {
-  if (!header) return null;
-  const m = /^bytes=(\d*)-(\d*)$/.exec(header.trim());
-  if (!m || (m[1] === '' && m[2] === '')) return null;
-  let first, last;
-  if (m[1] === '') {
-    const suffix = Number(m[2]);
-    if (suffix === 0) return 'bad';
-    first = Math.max(0, size - suffix);
-    last = size - 1;
-  } else {
-    first = Number(m[1]);
-    last = m[2] === '' ? size - 1 : Math.min(Number(m[2]), size - 1);
-  }
-  if (first >= size || first > last) return 'bad';
-  return [first, last];
+  const m = /^bytes=(\d+)-(\d*)$/.exec(header?.trim() ?? '');
+  if (!m) return null;
+  const first = Number(m[1]), last = m[2] === '' ? size - 1 : Math.min(Number(m[2]), size - 1);
+  return first >= size || first > last ? 'bad' : [first, last];
 }
 
 const server = http.createServer((req, res) => {
   const urlPath = decodeURIComponent(new URL(req.url, 'http://x').pathname);
   const entry = lookup(urlPath);
-  let stat;
-  try {
-    stat = entry && fs.statSync(entry.path);
-  } catch {
-    stat = null;
-  }
-  if (!entry || !stat?.isFile() || (req.method !== 'GET' && req.method !== 'HEAD')) {
+  const stat = entry && fs.statSync(entry.path, { throwIfNoEntry: false });
+  if (!entry || !stat?.isFile() || req.method !== 'GET') {
     note(`${req.method} ${urlPath} range=${req.headers.range || '-'} 404`);
     res.writeHead(404, { 'Content-Length': 0 });
     return res.end();
@@ -105,14 +84,14 @@ const server = http.createServer((req, res) => {
   const [first, last] = range || [0, size - 1];
   const length = size === 0 ? 0 : last - first + 1;
   const headers = {
-    'Content-Type': contentType(urlPath),
+    'Content-Type': TYPES[path.extname(urlPath)] ?? 'application/octet-stream',
     'Content-Length': length,
     'Accept-Ranges': entry.mode === 'ignore' ? 'none' : 'bytes',
   };
   if (range) headers['Content-Range'] = `bytes ${first}-${last}/${size}`;
   const status = range ? 206 : 200;
   res.writeHead(status, headers);
-  if (req.method === 'HEAD' || length === 0) {
+  if (length === 0) {
     note(`${req.method} ${urlPath} range=${req.headers.range || '-'} ${status} ${length}`);
     return res.end();
   }
@@ -177,8 +156,7 @@ server.listen(0, '127.0.0.1', () => {
 
 function alive(pid) {
   try {
-    process.kill(pid, 0);
-    return true;
+    return process.kill(pid, 0);
   } catch (e) {
     return e.code === 'EPERM';
   }

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "module/platform/RecentItems.h"
 #include "shelfkit/runtime/MainLoop.h"
 #include "shelfkit/runtime/RootLayout.h"
 #include "tests/fakes/FakeNetworkMonitor.h"
@@ -46,3 +47,13 @@ class TestHost {
 
 // A fresh empty directory under the system's temporary folder; removed by the caller.
 std::string makeTemporaryDirectory();
+
+// A recent-items source with a fixed face, for tests of the recent list itself.
+struct TestRecentSource : platform::RecentItemsSourceBase {
+  using RecentItemsSourceBase::RecentItemsSourceBase;
+  std::string title() const override { return "Test"; }
+  std::string iconName() const override { return "i"; }
+  std::string iconBundle() const override { return "b"; }
+  int64_t priority() const override { return 0; }
+  std::string accessibilityLabel() const override { return "a"; }
+};

@@ -128,31 +128,29 @@ TEST(SpeedMeter, MeasuresTheLastSecondsAndSlowsDownWhenNothingArrives) {
   }
 }
 
-// Everything a printer wrote, split into lines.
+// What a printer wrote to its two streams.
 struct Captured {
-  Captured() : err(open_memstream(&errText, &errSize)), out(open_memstream(&outText, &outSize)) {}
   ~Captured() {
     std::fclose(err);
     std::fclose(out);
-    std::free(errText);
-    std::free(outText);
+    std::free(buffers[0]);
+    std::free(buffers[1]);
   }
-  static std::vector<std::string> lines(std::FILE* stream, char* const& text) {
+  std::string text(std::FILE* stream) {
     std::fflush(stream);
+    const char* buffer = buffers[stream == out];
+    return buffer ? buffer : "";
+  }
+  std::vector<std::string> lines(std::FILE* stream) {
+    std::istringstream in(text(stream));
     std::vector<std::string> lines;
-    std::istringstream in(text ? text : "");
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
   }
-  std::vector<std::string> errLines() { return lines(err, errText); }
-  std::vector<std::string> outLines() { return lines(out, outText); }
-
-  char* errText = nullptr;
-  size_t errSize = 0;
-  char* outText = nullptr;
-  size_t outSize = 0;
-  std::FILE* err;
-  std::FILE* out;
+  char* buffers[2] = {};
+  size_t sizes[2] = {};
+  std::FILE* err = open_memstream(&buffers[0], &sizes[0]);
+  std::FILE* out = open_memstream(&buffers[1], &sizes[1]);
 };
 
 // A log gets a line when a download has moved on by a tenth and 5 seconds
@@ -196,10 +194,10 @@ TEST(ProgressPrinter, LogLinesComeAtTheRarerOfATenthAndFiveSeconds) {
       printer.started("id", "a.bin", c.startAt, c.total, t0);
       for (const auto& [seconds, done] : c.progress) printer.progressed("id", done, c.total, at(seconds));
     }
-    const auto lines = captured.errLines();
+    const auto lines = captured.lines(captured.err);
     ASSERT_EQ(lines.size(), c.prefixes.size()) << ::testing::PrintToString(lines);
     for (size_t i = 0; i < lines.size(); ++i) EXPECT_TRUE(lines[i].starts_with(c.prefixes[i])) << lines[i];
-    EXPECT_TRUE(captured.outLines().empty());
+    EXPECT_TRUE(captured.text(captured.out).empty());
   }
 }
 
@@ -217,8 +215,8 @@ TEST(ProgressPrinter, PlacedFilesGoToStandardOutputInEveryMode) {
       printer.placed("", "/out/earlier.bin", 0, t0 + 2s);  // placed before this run
       printer.error("shelf: b.bin: refused");
     }
-    EXPECT_EQ(captured.outLines(), (std::vector<std::string>{"/out/a(1).bin", "/out/earlier.bin"}));
-    const std::string err = captured.errText ? captured.errText : "";
+    EXPECT_EQ(captured.lines(captured.out), (std::vector<std::string>{"/out/a(1).bin", "/out/earlier.bin"}));
+    const std::string err = captured.text(captured.err);
     const bool quiet = mode == ProgressPrinter::Mode::Quiet;
     EXPECT_EQ(err.find("a(1).bin  3 MB in 2.0s, 1.5 MB/s") != std::string::npos, !quiet) << err;
     EXPECT_EQ(err.find("retrying") != std::string::npos, !quiet) << err;

@@ -385,15 +385,6 @@ TEST_F(ApiTest, SettingsChangeOnlyWhatIsGiven) {
   EXPECT_EQ(nlohmann::json::parse(call("GET", "/api/settings").body)["maxActiveDownloadCount"], 7);
 }
 
-struct TestRecentSource : platform::RecentItemsSourceBase {
-  using RecentItemsSourceBase::RecentItemsSourceBase;
-  std::string title() const override { return "Test"; }
-  std::string iconName() const override { return "i"; }
-  std::string iconBundle() const override { return "b"; }
-  int64_t priority() const override { return 0; }
-  std::string accessibilityLabel() const override { return "a"; }
-};
-
 TEST_F(ApiTest, DocumentsAreDeletedAndRenamedOnlyInsideTheFolderAndRecentFollows) {
   const fs::path docs = host_.layout().documents, library = host_.layout().library;
   write(docs / "a.txt", "a");
@@ -407,38 +398,27 @@ TEST_F(ApiTest, DocumentsAreDeletedAndRenamedOnlyInsideTheFolderAndRecentFollows
   recent->addItemWithFilename((docs / "b.txt").string(), "B");
   recent->addItemWithFilename((docs / "a.txt").string(), "A");
 
-  const std::string longName = R"({"name": ")" + std::string(256, 'x') + R"("})";
   struct Case {
     const char* method;
-    const char* path;
+    std::string path;
     std::string body;
     int status;
-  } cases[] = {
-      {"POST", "/api/documents/a.txt/rename", R"({"name": "../a.txt"})", 400},
-      {"POST", "/api/documents/a.txt/rename", R"({"name": "sub/a.txt"})", 400},
-      {"POST", "/api/documents/a.txt/rename", R"({"name": ".."})", 400},
-      {"POST", "/api/documents/a.txt/rename", R"({"name": ".hidden"})", 400},
-      {"POST", "/api/documents/a.txt/rename", R"({"name": ""})", 400},
-      {"POST", "/api/documents/a.txt/rename", R"({"name": "x\u0001y"})", 400},
-      {"POST", "/api/documents/a.txt/rename", R"({"name": "x\ny"})", 400},
-      {"POST", "/api/documents/a.txt/rename", longName, 400},
-      {"POST", "/api/documents/a.txt/rename", R"({"name": 5})", 400},
-      {"POST", "/api/documents/a.txt/rename", "not json", 400},
+  };
+  std::vector<Case> cases = {
       {"POST", "/api/documents/a.txt/rename", R"({"name": "b.txt"})", 409},
       {"POST", "/api/documents/a.txt/rename", R"({"name": "sub"})", 409},
-      {"POST", "/api/documents/out-link/rename", R"({"name": "mine"})", 404},
-      {"POST", "/api/documents/hard-link/rename", R"({"name": "mine"})", 404},
-      {"POST", "/api/documents/sub/rename", R"({"name": "mine"})", 404},
-      {"DELETE", "/api/documents/out-link", "", 404},
-      {"DELETE", "/api/documents/hard-link", "", 404},
-      {"DELETE", "/api/documents/sub", "", 404},
-      {"DELETE", "/api/documents/..", "", 404},
-      {"DELETE", "/api/documents/nothing.txt", "", 404},
-      {"DELETE", "/api/documents/../Library/secret", "", 404},
-      {"DELETE", "/api/documents/sub/c.txt", "", 404},
       {"GET", "/api/documents/a.txt", "", 405},
       {"DELETE", "/api/documents/a.txt/rename", "", 405},
   };
+  for (const std::string& bad :
+       std::vector<std::string>{R"("../a.txt")", R"("sub/a.txt")", R"("..")", R"(".hidden")", R"("")", R"("x\u0001y")",
+                                R"("x\ny")", "\"" + std::string(256, 'x') + "\"", "5"})
+    cases.push_back({"POST", "/api/documents/a.txt/rename", R"({"name": )" + bad + "}", 400});
+  cases.push_back({"POST", "/api/documents/a.txt/rename", "not json", 400});
+  for (const char* name : {"out-link", "hard-link", "sub"})
+    cases.push_back({"POST", "/api/documents/" + std::string(name) + "/rename", R"({"name": "mine"})", 404});
+  for (const char* name : {"out-link", "hard-link", "sub", "..", "nothing.txt", "../Library/secret", "sub/c.txt"})
+    cases.push_back({"DELETE", "/api/documents/" + std::string(name), "", 404});
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.method) + " " + c.path + " " + c.body.substr(0, 40));
     auto response = call(c.method, c.path, c.body);
@@ -535,12 +515,18 @@ class BridgeTest : public ::testing::Test {
     return tab;
   }
   void say(uint64_t id, const nlohmann::json& message) { sayRaw(id, message.dump()); }
+  // A confirmation dialog whose answers go to `answers`.
+  void confirm(const std::string& text) {
+    platform::AlertDialog::showConfirmDialogWithTitle(std::nullopt, text, "Delete",
+                                                      [this](bool ok) { answers.push_back(ok); });
+  }
   void sayRaw(uint64_t id, const std::string& text) {
     bridge_->message(id, text);
     host_.loop().runFor(std::chrono::milliseconds(20));
   }
   TestHost host_;
   std::shared_ptr<shelf::WebBridge> bridge_ = shelf::WebBridge::create();
+  std::vector<bool> answers;
 };
 
 TEST_F(BridgeTest, BadFramesAreIgnoredAndTheTabGoesOn) {
@@ -548,9 +534,7 @@ TEST_F(BridgeTest, BadFramesAreIgnoredAndTheTabGoesOn) {
   const nlohmann::json probe = {{"t", "menu"}, {"index", ProbeScreen::menuIndex()}};
   say(1, probe);
   ASSERT_EQ(tab->of("screen").size(), 1u);
-  std::vector<bool> answers;
-  platform::AlertDialog::showConfirmDialogWithTitle(std::nullopt, std::string("Sure?"), "Delete",
-                                                    [&](bool ok) { answers.push_back(ok); });
+  confirm("Sure?");
   ASSERT_EQ(tab->of("dialog").size(), 1u);
   const std::string dialog = tab->of("dialog")[0]["id"].dump();
   const std::string frames[] = {
@@ -624,10 +608,8 @@ TEST_F(BridgeTest, AlertsWaitForATabAndCompleteWhenNoTabIsLeft) {
 
 TEST_F(BridgeTest, DialogsGoToTheActingTabAndWaitForItToComeBack) {
   auto a = connect(1), b = connect(2);
-  std::vector<bool> answers;
   say(1, {{"t", "noop"}});  // tab 1 acted last
-  platform::AlertDialog::showConfirmDialogWithTitle(std::nullopt, std::string("Sure?"), "Delete",
-                                                    [&](bool ok) { answers.push_back(ok); });
+  confirm("Sure?");
   ASSERT_EQ(a->of("dialog").size(), 1u);
   EXPECT_TRUE(b->of("dialog").empty());
   const auto id = a->of("dialog")[0]["id"];
@@ -637,8 +619,7 @@ TEST_F(BridgeTest, DialogsGoToTheActingTabAndWaitForItToComeBack) {
   EXPECT_EQ(answers, std::vector<bool>{true});
 
   // Its tab goes away: the same browser tab, back on a new connection, still answers it.
-  platform::AlertDialog::showConfirmDialogWithTitle(std::nullopt, std::string("Again?"), "Delete",
-                                                    [&](bool ok) { answers.push_back(ok); });
+  confirm("Again?");
   const auto again = a->of("dialog").back()["id"];
   bridge_->closed(1);
   connect(3);
@@ -649,8 +630,7 @@ TEST_F(BridgeTest, DialogsGoToTheActingTabAndWaitForItToComeBack) {
   // Nobody answers: declined once the grace is over.
   bridge_->setOrphanedDialogGrace(std::chrono::milliseconds(50));
   say(3, {{"t", "noop"}});
-  platform::AlertDialog::showConfirmDialogWithTitle(std::nullopt, std::string("Once more?"), "Delete",
-                                                    [&](bool ok) { answers.push_back(ok); });
+  confirm("Once more?");
   bridge_->closed(3);
   ASSERT_TRUE(host_.runUntil([&] { return answers.size() == 3; }));
   EXPECT_FALSE(answers[2]);

@@ -263,13 +263,12 @@ class WebServerTest : public ::testing::Test {
   }
 
   bool waitForEvent(const std::string& event) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, 5s, [&] { return std::count(events_.begin(), events_.end(), event) > 0; });
+    return waitUntil([&] { return std::count(events_.begin(), events_.end(), event) > 0; });
   }
 
-  bool waitForSockets(size_t count) {
+  bool waitUntil(const std::function<bool()>& condition) {  // checked with mutex_ held
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, 5s, [&] { return sockets_.size() == count; });
+    return changed_.wait_for(lock, 5s, condition);
   }
 
   std::shared_ptr<WebSocketConnection> socket(size_t index) {
@@ -287,8 +286,9 @@ class WebServerTest : public ::testing::Test {
   std::unique_ptr<WebServer> server_;
 };
 
-TEST_F(WebServerTest, RefusesForeignHostsAndOriginsBeforeRouting) {
+TEST_F(WebServerTest, RefusesForeignHostsAndOriginsBeforeRoutingAndAnswersTheApiFromAnotherThread) {
   start();
+  Client client(server_->port());
   const std::string self = "127.0.0.1:" + std::to_string(server_->port());
   EXPECT_EQ(server_->url(), "http://" + self + "/");
   const struct {
@@ -302,7 +302,6 @@ TEST_F(WebServerTest, RefusesForeignHostsAndOriginsBeforeRouting) {
       {{{"Host", "evil.example:" + std::to_string(server_->port())}}, 403},
       {{{"Origin", "http://evil.example"}}, 403},
   };
-  Client client(server_->port());
   int expectedCalls = 0;
   for (const auto& c : cases) {
     auto headers = c.headers;
@@ -315,11 +314,7 @@ TEST_F(WebServerTest, RefusesForeignHostsAndOriginsBeforeRouting) {
     expectedCalls += c.status == 201;
   }
   EXPECT_EQ(apiCalls_, expectedCalls);
-}
 
-TEST_F(WebServerTest, ApiAnswersFromAnotherThreadOnAKeptAliveConnection) {
-  start();
-  Client client(server_->port());
   for (int round = 0; round < 2; ++round) {
     const auto reply =
         client.request(http::verb::post, "/api/a%20b?q=x+y%26z", {{"X-Test", "t"}, {"Content-Type", "application/json"}}, "hello");
@@ -448,7 +443,7 @@ TEST_F(WebServerTest, WebSocketCarriesTextBothWaysAndCloses) {
   auto first = openWs(ioc, server_->port(), origin, &status);
   auto second = openWs(ioc, server_->port(), origin, &status);
   ASSERT_TRUE(first && second);
-  ASSERT_TRUE(waitForSockets(2));
+  ASSERT_TRUE(waitUntil([&] { return sockets_.size() == 2; }));
   first->write(asio::buffer(std::string("hello")));
   EXPECT_EQ(readText(*first), "echo:hello");  // through `message` and a send on the server thread
   const auto a = socket(0), b = socket(1);
@@ -508,7 +503,7 @@ TEST_F(WebServerTest, ATabThatDoesNotReadIsDisconnected) {
   asio::io_context ioc;
   unsigned status = 0;
   auto tab = openWs(ioc, server_->port(), "http://127.0.0.1:" + std::to_string(server_->port()), &status);
-  ASSERT_TRUE(tab && waitForSockets(1));
+  ASSERT_TRUE(tab && waitUntil([&] { return sockets_.size() == 1; }));
   const auto handle = socket(0);
   const std::string closed = "closed " + std::to_string(handle->id());
   // Far more than the socket buffers and the outbox hold together; the tab never reads.
