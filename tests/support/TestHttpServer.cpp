@@ -311,8 +311,8 @@ Plan TestHttpServer::Impl::plan(const Behaviour& b, const http::request<http::st
           status = 206;
           p.offset = range->first;
           announced = last - range->first + 1;
-          contentRange = "bytes " + std::to_string(range->first) + "-" + std::to_string(last) + "/" +
-                         std::to_string(length);
+          contentRange =
+              "bytes " + std::to_string(range->first) + "-" + std::to_string(last) + "/" + std::to_string(length);
         } else {
           status = 416;
           announced = 0;

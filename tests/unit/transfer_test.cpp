@@ -322,7 +322,7 @@ TEST(ReadAhead, KeepsOnlyExactAnswersAndEnoughRangesForTheLink) {
     Parsed expected;
   } contentRanges[] = {
       {"bytes 0-99999/1000000", Parsed({0, 99999, 1000000})},
-      {"bytes 0-99999/*", {}},         // a total is needed to read ahead
+      {"bytes 0-99999/*", {}},          // a total is needed to read ahead
       {"bytes 0-1000000/1000000", {}},  // past the total
       {"bytes 99-0/1000", {}},
       {"bytes  0-9/10", {}},
