@@ -2,8 +2,8 @@
 
 #include <netinet/in.h>
 #include <sched.h>
-#include <sys/socket.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,13 +11,12 @@
 #include <atomic>
 #include <cmath>
 #include <csignal>
-#include <map>
-#include <thread>
-
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <optional>
 #include <set>
+#include <thread>
 
 #include "module/core/DFDownloadManager.h"
 #include "module/platform/FileManager.h"
@@ -32,7 +31,6 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 namespace {
-
 
 class EndToEndTest : public ::testing::Test {
  protected:
@@ -54,6 +52,30 @@ class EndToEndTest : public ::testing::Test {
           return done();
         },
         120s);
+  }
+
+  // Serves 2000000 bytes (chunks of 200000) on the path; while `stall` holds, the third chunk hangs.
+  void serveWithStalledThirdChunk(const std::string& path, const std::atomic<bool>& stall) {
+    server_.setHandler(path, [&stall](const RecordedRequest& request, int) {
+      Behaviour b{.size = 2000000};
+      if (stall && request.header("Range") == "bytes=400000-599999") b.stallAtByte = 50000;
+      return b;
+    });
+  }
+  // Runs until `count` records are queued, each inside its third chunk.
+  bool untilInTheThirdChunk(DFDownloadManager& manager, size_t count) {
+    return host_.runUntil(
+        [&] {
+          auto queue = manager.downloadOperations();
+          return queue.size() == count &&
+                 std::all_of(queue.begin(), queue.end(), [](auto& r) { return r->actualPosition() > 400000; });
+        },
+        30s);
+  }
+  // The Range header of the first request to the path after the first `mark` ones.
+  std::optional<std::string> rangeAfter(const std::string& path, size_t mark) {
+    auto requests = server_.requests(path);
+    return requests.size() > mark ? requests[mark].header("Range") : std::nullopt;
   }
 
   TestHost host_;
@@ -83,6 +105,7 @@ TEST_F(EndToEndTest, TenDownloadsThroughFaultsEndIdenticalToTheirSources) {
     });
   }
   auto manager = DFDownloadManager::init();
+  // Overrides one notification only: the others keep their empty defaults.
   struct Failures : DFDownloadManagerDelegate {
     int stopped = 0;
     void downloadOperationStopped(DFDownloadManager&, const Record&) override { ++stopped; }
@@ -107,19 +130,11 @@ TEST_F(EndToEndTest, TenDownloadsThroughFaultsEndIdenticalToTheirSources) {
 }
 
 TEST_F(EndToEndTest, ARestartedManagerResumesFromTheLastCompleteChunk) {
-  const int64_t size = 2000000;  // chunks of 200000
   std::atomic<bool> stall = true;
-  server_.setHandler("/big.dat", [&](const RecordedRequest& request, int) {
-    Behaviour b{.size = size};
-    if (stall && request.header("Range") == "bytes=400000-599999") b.stallAtByte = 50000;  // the third chunk hangs
-    return b;
-  });
+  serveWithStalledThirdChunk("/big.dat", stall);
   auto manager = DFDownloadManager::init();
   manager->downloadFileWithURL(*platform::URL::URLWithString(server_.url("/big.dat")), nullptr);
-  ASSERT_TRUE(host_.runUntil([&] {
-    auto queue = manager->downloadOperations();
-    return queue.size() == 1 && queue[0]->actualPosition() > 400000;
-  }, 30s));
+  ASSERT_TRUE(untilInTheThirdChunk(*manager, 1));
   host_.loop().runFor(200ms);
   ASSERT_EQ(manager->downloadOperations().size(), 1u);
   EXPECT_EQ(manager->downloadOperations()[0]->position(), 400000);
@@ -130,31 +145,20 @@ TEST_F(EndToEndTest, ARestartedManagerResumesFromTheLastCompleteChunk) {
   const size_t mark = server_.requests("/big.dat").size();
   auto restarted = DFDownloadManager::init();
   ASSERT_TRUE(host_.runUntil([&] { return restarted->downloadOperations().empty(); }, 60s));
-  auto requests = server_.requests("/big.dat");
-  ASSERT_GT(requests.size(), mark);
-  EXPECT_EQ(requests[mark].header("Range"), "bytes=400000-599999");
-  EXPECT_TRUE(readFile(host_.layout().documents + "/big.dat") == TestHttpServer::pattern(0, size));
+  EXPECT_EQ(rangeAfter("/big.dat", mark), "bytes=400000-599999");
+  EXPECT_TRUE(readFile(host_.layout().documents + "/big.dat") == TestHttpServer::pattern(0, 2000000));
 }
 
 TEST_F(EndToEndTest, LosingTheNetworkStopsEachTransferOnceAndItsReturnResumesThem) {
-  const int64_t size = 2000000;  // chunks of 200000
-  std::atomic<bool> stall = true;
-  for (const char* name : {"/a.dat", "/b.dat", "/c.dat"})
-    server_.setHandler(name, [&](const RecordedRequest& request, int) {
-      Behaviour b{.size = size};
-      // The third chunk hangs until the route goes.
-      if (stall && request.header("Range") == "bytes=400000-599999") b.stallAtByte = 50000;
-      return b;
-    });
+  std::atomic<bool> stall = true;  // the third chunks hang until the route goes
   auto manager = DFDownloadManager::init();
   auto journal = std::make_shared<Journal>();
   manager->addDelegate(journal);
-  for (const char* name : {"/a.dat", "/b.dat", "/c.dat"})
+  for (const char* name : {"/a.dat", "/b.dat", "/c.dat"}) {
+    serveWithStalledThirdChunk(name, stall);
     manager->downloadFileWithURL(*platform::URL::URLWithString(server_.url(name)), nullptr);
-  ASSERT_TRUE(host_.runUntil([&] {
-    auto queue = manager->downloadOperations();
-    return queue.size() == 3 && std::all_of(queue.begin(), queue.end(), [](auto& r) { return r->actualPosition() > 400000; });
-  }, 30s));
+  }
+  ASSERT_TRUE(untilInTheThirdChunk(*manager, 3));
   host_.loop().runFor(200ms);
   journal->take();
 
@@ -175,12 +179,9 @@ TEST_F(EndToEndTest, LosingTheNetworkStopsEachTransferOnceAndItsReturnResumesThe
   for (const char* name : {"/a.dat", "/b.dat", "/c.dat"}) marks[name] = server_.requests(name).size();
   host_.network().setState(true, true);
   ASSERT_TRUE(host_.runUntil([&] { return manager->downloadOperations().empty(); }, 60s));
-  for (const char* name : {"/a.dat", "/b.dat", "/c.dat"}) {
-    auto requests = server_.requests(name);
-    ASSERT_GT(requests.size(), marks[name]);
-    EXPECT_EQ(requests[marks[name]].header("Range"), "bytes=400000-599999")
-        << name << ": resumed from the last complete chunk";
-    EXPECT_TRUE(readFile(host_.layout().documents + name) == TestHttpServer::pattern(0, size)) << name;
+  for (auto& [name, mark] : marks) {
+    EXPECT_EQ(rangeAfter(name, mark), "bytes=400000-599999") << name << ": resumed from the last complete chunk";
+    EXPECT_TRUE(readFile(host_.layout().documents + name) == TestHttpServer::pattern(0, 2000000)) << name;
   }
 }
 

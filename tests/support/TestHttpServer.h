@@ -44,8 +44,6 @@ struct Behaviour {
   std::vector<std::pair<std::string, std::string>> extraHeaders{};  // e.g. Content-Disposition
   std::optional<std::string> redirectTo{};  // answer redirectStatus with this Location (absolute or relative path)
   int redirectStatus = 302;
-  bool closeAfterResponse = false;  // send Connection: close and close after the response
-  bool chunkedEncoding = false;     // send the body with Transfer-Encoding: chunked and no Content-Length
 };
 
 class TestHttpServer {
@@ -64,19 +62,16 @@ class TestHttpServer {
   // index among requests to that path (0-based). Replaces a static route for the same path and vice versa.
   void setHandler(std::string path, std::function<Behaviour(const RecordedRequest&, int index)> handler);
 
-  std::vector<RecordedRequest> requests() const;  // every request so far, in arrival order
-  std::vector<RecordedRequest> requests(std::string_view path) const;
-  // Body bytes actually written to sockets for that path; counted with the write, so never behind what a client has
-  // received.
+  // The requests to that path so far, in arrival order; every request when the path is empty.
+  std::vector<RecordedRequest> requests(std::string_view path = {}) const;
+  // Body bytes handed to sockets for that path; counted before the write, so never behind what a client has
+  // received (ahead by at most one 64 KiB block for a client that went away).
   int64_t bodyBytesSent(std::string_view path) const;
-  int connectionsAccepted() const;
   // Lets every response already under way run past its stallAtByte, waking those stalled now; responses to
   // requests that arrive later stall anew.
   void releaseStalls();
 
-  // The pattern: byte at offset o, from a 64-bit mix of o / 8, so it never repeats at a power-of-two period and a
-  // body shifted by any offset no longer matches.
-  static char patternByte(int64_t offset);
+  // The pattern: the byte at offset o comes from a 64-bit mix of o, so a body shifted by any offset no longer matches.
   static std::string pattern(int64_t offset, int64_t length);
 
  private:

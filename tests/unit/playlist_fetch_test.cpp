@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "module/platform/PlaylistFetcher.h"
@@ -16,27 +17,21 @@ using shelfkit::PlaylistSegment;
 
 namespace {
 
-// Everything an input gives until its end; none when a read fails.
-std::optional<std::string> readAll(platform::PlaylistInput& input) {
+// Everything a reader gives until its end, in reads of an odd size; none when a read fails.
+std::optional<std::string> readAll(const std::function<int64_t(int64_t at, uint8_t*, size_t)>& read) {
   std::string out;
   uint8_t buffer[7000];  // not a divisor of anything served here
-  for (;;) {
-    int64_t n = input.read(buffer, sizeof buffer);
+  for (int64_t n; (n = read(static_cast<int64_t>(out.size()), buffer, sizeof buffer)) != 0;) {
     if (n < 0) return std::nullopt;
-    if (n == 0) return out;
     out.append(reinterpret_cast<char*>(buffer), static_cast<size_t>(n));
   }
+  return out;
 }
-
+std::optional<std::string> readAll(platform::PlaylistInput& input) {
+  return readAll([&](int64_t, uint8_t* buffer, size_t n) { return input.read(buffer, n); });
+}
 std::optional<std::string> readAll(shelfkit::BufferedFetch& fetch) {
-  std::string out;
-  uint8_t buffer[7000];
-  for (;;) {
-    int64_t n = fetch.readAt(static_cast<int64_t>(out.size()), buffer, sizeof buffer);
-    if (n < 0) return std::nullopt;
-    if (n == 0) return out;
-    out.append(reinterpret_cast<char*>(buffer), static_cast<size_t>(n));
-  }
+  return readAll([&](int64_t at, uint8_t* buffer, size_t n) { return fetch.readAt(at, buffer, n); });
 }
 
 TEST(MediaPlaylist, SegmentsAsTheDemuxerWillAskForThem) {
@@ -79,6 +74,13 @@ class PlaylistFetchTest : public ::testing::Test {
   std::string spill() const { return host_.layout().library + "/spill"; }
   std::shared_ptr<platform::PlaylistFetcher> fetcher() {
     return platform::PlaylistFetcher::create({.spillDirectory = spill()});
+  }
+  // A fetcher that has read the byte-range playlist, so it knows its segments.
+  std::shared_ptr<platform::PlaylistFetcher> fetcherWithList() {
+    auto f = fetcher();
+    auto list = f->open(server_.url("/p/list.m3u8"), 0, std::nullopt);
+    EXPECT_TRUE(list && readAll(*list));
+    return f;
   }
 
   TestHost host_;
@@ -150,10 +152,7 @@ TEST_F(PlaylistFetchTest, PrefetchesTheNextSegmentsInOneRequestOnlyOnceSwitchedO
   for (bool prefetching : {false, true}) {
     SCOPED_TRACE(prefetching ? "prefetching" : "not prefetching");
     const size_t mark = server_.requests("/p/all.bin").size();
-    auto f = fetcher();
-    auto list = f->open(server_.url("/p/list.m3u8"), 0, std::nullopt);
-    ASSERT_TRUE(list);
-    ASSERT_TRUE(readAll(*list));
+    auto f = fetcherWithList();
     if (prefetching) f->startPrefetching();
     for (int i = 0; i < 10; ++i) {
       auto segment = f->open(server_.url("/p/all.bin"), i * 10000, (i + 1) * 10000);
@@ -183,9 +182,7 @@ TEST_F(PlaylistFetchTest, PrefetchesTheNextSegmentsInOneRequestOnlyOnceSwitchedO
 TEST_F(PlaylistFetchTest, FailuresAndRefusals) {
   server_.setRoute("/p/list.m3u8", {.body = byteRangePlaylist()});
   server_.setRoute("/p/all.bin", {.size = 100000, .status = 500});
-  auto f = fetcher();
-  auto list = f->open(server_.url("/p/list.m3u8"), 0, std::nullopt);
-  ASSERT_TRUE(list && readAll(*list));
+  auto f = fetcherWithList();
   EXPECT_FALSE(f->open(server_.url("/missing.m3u8"), 0, std::nullopt));
   EXPECT_FALSE(f->failed()) << "a resource that is no segment fails alone";
   EXPECT_FALSE(f->open(server_.url("/p/all.bin"), 0, 10000));
@@ -203,9 +200,7 @@ TEST_F(PlaylistFetchTest, FailuresAndRefusals) {
 TEST_F(PlaylistFetchTest, CancelEndsWaitingReadsAndPrefetches) {
   server_.setRoute("/p/list.m3u8", {.body = byteRangePlaylist()});
   server_.setRoute("/p/all.bin", {.size = 100000, .stallAtByte = 5000});
-  auto f = fetcher();
-  auto list = f->open(server_.url("/p/list.m3u8"), 0, std::nullopt);
-  ASSERT_TRUE(list && readAll(*list));
+  auto f = fetcherWithList();
   f->startPrefetching();
   auto segment = f->open(server_.url("/p/all.bin"), 0, 10000);
   ASSERT_TRUE(segment);
