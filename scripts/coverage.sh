@@ -22,7 +22,7 @@ cmake --build "$build" -j "$(nproc)"
 find "$build" -name '*.gcda' -delete
 
 cd "$build"
-ctest --output-on-failure -j "$(nproc)" --timeout 600 -E '^soak' ${COVERAGE_TESTS:+-R "$COVERAGE_TESTS"} || true
+ctest --output-on-failure -j 1 --timeout 600 -E '^soak' ${COVERAGE_TESTS:+-R "$COVERAGE_TESTS"} || true
 
 filters=(--root "$here" --filter "$here/module/" --filter "$here/shelfkit/" --filter "$here/shelf/"
          --exclude-unreachable-branches --exclude-throw-branches)
