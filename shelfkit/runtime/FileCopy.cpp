@@ -4,7 +4,78 @@
 #include <sys/sendfile.h>
 #include <unistd.h>
 
+#include <pthread.h>
+#include <sched.h>
+
 #include <cerrno>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+namespace {
+
+// Starts writeback on a thread of its own at idle priority: submitting the
+// pages costs CPU that the transfer needs on a small machine, so it is done
+// when a core would otherwise idle. Writeback is only a head start for the
+// flush before placement; ranges beyond a bounded backlog are skipped.
+class WritebackThread {
+ public:
+  static WritebackThread& shared() {
+    static WritebackThread thread;
+    return thread;
+  }
+  void add(int fd, int64_t offset, int64_t length) {
+    std::lock_guard lock(mutex_);
+    if (pending_.size() >= kMaxPending) {
+      ::close(fd);
+      return;
+    }
+    pending_.push_back({fd, offset, length});
+    ready_.notify_one();
+  }
+  ~WritebackThread() {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    ready_.notify_one();
+    thread_.join();
+    for (const auto& range : pending_) ::close(range.fd);
+  }
+
+ private:
+  struct Range {
+    int fd;
+    int64_t offset, length;
+  };
+  static constexpr size_t kMaxPending = 256;
+
+  WritebackThread() : thread_([this] { run(); }) {}
+  void run() {
+    sched_param idle{};
+    ::pthread_setschedparam(::pthread_self(), SCHED_IDLE, &idle);
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      ready_.wait(lock, [this] { return stopping_ || !pending_.empty(); });
+      if (stopping_) return;
+      const Range range = pending_.front();
+      pending_.pop_front();
+      lock.unlock();
+      ::sync_file_range(range.fd, range.offset, range.length, SYNC_FILE_RANGE_WRITE);
+      ::close(range.fd);
+      lock.lock();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable ready_;
+  std::deque<Range> pending_;
+  bool stopping_ = false;
+  std::thread thread_;
+};
+
+}  // namespace
 
 namespace platform {
 
@@ -39,7 +110,8 @@ bool copyFileContents(int in, int out) {
 }
 
 void startWriteback(int fd, int64_t offset, int64_t length) {
-  ::sync_file_range(fd, offset, length, SYNC_FILE_RANGE_WRITE);
+  const int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  if (copy >= 0) WritebackThread::shared().add(copy, offset, length);
 }
 
 }  // namespace platform
