@@ -1,13 +1,9 @@
 // What the Downloads screen says beyond its rows: speed and time left, why a
 // download waits, and that the queue is paused.
-import { test, describe, before } from 'node:test';
+import { test, describe } from 'node:test';
 import assert from 'node:assert/strict';
 import { randomBytes } from 'node:crypto';
-import {
-  LONG, api, cleanups, shot, eventually, openMenu, openPage, startFileServer, startShelf, tempRoot, useBrowser,
-} from './support.mjs';
-
-useBrowser();
+import { LONG, api, queue, shot, eventually, openPage, useHost } from './support.mjs';
 
 const describeRow = (page, row) => page.locator(`#table .row[data-row="${row}"]`)
   .evaluate((e) => ({ title: e.title, description: e.getAttribute('aria-description') }))
@@ -15,25 +11,20 @@ const describeRow = (page, row) => page.locator(`#table .row[data-row="${row}"]`
 const summary = (page) => page.locator('#summary').evaluate((e) => (e.hidden ? null : e.textContent));
 
 describe('what the queue is doing', { timeout: 6 * 60_000 }, () => {
-  const defer = cleanups();
-  let shelf, files;
-  before(async () => {
-    const root = await tempRoot(defer);
-    files = await startFileServer({
-      // About 320 KB/s for 3 MB: some ten seconds, a report about every second.
-      'slow.dat': { body: randomBytes(3_000_000), throttle: { bytes: 32_768, everyMs: 100 } },
-      'failing.dat': { body: randomBytes(50_000), failWith: 503 },
-    });
-    defer(() => files.close());
-    shelf = await startShelf(root);
-    defer(() => shelf.stop());
-  });
+  const h = useHost({ files: {
+    // About 320 KB/s for 3 MB: some ten seconds, a report about every second.
+    'slow.dat': { body: randomBytes(3_000_000), throttle: { bytes: 32_768, everyMs: 100 } },
+    'failing.dat': { body: randomBytes(50_000), failWith: 503 },
+  } });
+  // Adds `name` and opens the queue.
+  const add = async (t, name) => {
+    const added = await api(h.shelf.url, 'POST', '/api/downloads', { url: h.files.url(name) });
+    assert.equal(added.status, 201);
+    return [await openPage(t, h.shelf.url, { menu: 'Downloads' }), added.body.download.uniqueId];
+  };
 
   test('a running download shows its speed and time left; nothing is left once it is done', async (t) => {
-    const added = await api(shelf.url, 'POST', '/api/downloads', { url: files.url('slow.dat') });
-    assert.equal(added.status, 201);
-    const page = await openPage((f) => t.after(f), shelf.url);
-    await openMenu(page, 'Downloads');
+    const [page] = await add(t, 'slow.dat');
     // The user allowed notifications; they are recorded rather than shown.
     await page.evaluate(() => {
       window.notes = [];
@@ -47,9 +38,9 @@ describe('what the queue is doing', { timeout: 6 * 60_000 }, () => {
     assert.equal(row.title, row.description, 'the tooltip says the same');
     await shot(page, 'downloads-running');
     assert.match(await summary(page), /^1 downloading · [\d.]+ (KB|MB)\/s · about \d+ (s|min) left$/);
-    const [item] = (await api(shelf.url, 'GET', '/api/downloads')).body;
+    const [item] = await queue(h.shelf.url);
     assert.ok(item.bytesPerSecond > 0 && item.secondsLeft > 0, JSON.stringify(item));
-    await eventually(() => api(shelf.url, 'GET', '/api/downloads'), (r) => assert.equal(r.body.length, 0), LONG);
+    await eventually(() => queue(h.shelf.url), (v) => assert.deepEqual(v, []), LONG);
     await eventually(() => summary(page), (v) => assert.equal(v, null));
     // It is not gone without a word: the Finished strip offers it, and the browser announced it.
     const finished = page.getByRole('region', { name: 'Finished' });
@@ -60,14 +51,11 @@ describe('what the queue is doing', { timeout: 6 * 60_000 }, () => {
   });
 
   test('a failing download says why and counts down to its next try', async (t) => {
-    const added = await api(shelf.url, 'POST', '/api/downloads', { url: files.url('failing.dat') });
-    assert.equal(added.status, 201);
-    t.after(() => api(shelf.url, 'DELETE', `/api/downloads/${added.body.download.uniqueId}`));
-    const page = await openPage((f) => t.after(f), shelf.url);
-    await openMenu(page, 'Downloads');
+    const [page, id] = await add(t, 'failing.dat');
+    t.after(() => api(h.shelf.url, 'DELETE', `/api/downloads/${id}`));
     const waiting = /^Last try failed: .+ · next try in (\d+) s$/;
     const first = await eventually(() => describeRow(page, 0), (v) => assert.match(v.description ?? '', waiting), LONG);
-    const [item] = (await api(shelf.url, 'GET', '/api/downloads')).body;
+    const [item] = await queue(h.shelf.url);
     assert.ok(item.lastError, 'the API says why');
     assert.ok(item.retryAt > Date.now() / 1000 && item.bytesPerSecond === null, JSON.stringify(item));
     const secondsLeft = (v) => Number(waiting.exec(v.description ?? '')?.[1] ?? NaN);
@@ -77,12 +65,11 @@ describe('what the queue is doing', { timeout: 6 * 60_000 }, () => {
   });
 
   test('while downloads are not permitted a banner says so and leads to Settings', async (t) => {
-    const page = await openPage((f) => t.after(f), shelf.url);
-    await openMenu(page, 'Downloads');
+    const page = await openPage(t, h.shelf.url, { menu: 'Downloads' });
     const banner = page.locator('#paused');
     assert.equal(await banner.isVisible(), false);
-    assert.equal((await api(shelf.url, 'PUT', '/api/settings', { downloadsPermitted: false })).status, 200);
-    t.after(() => api(shelf.url, 'PUT', '/api/settings', { downloadsPermitted: true }));
+    assert.equal((await api(h.shelf.url, 'PUT', '/api/settings', { downloadsPermitted: false })).status, 200);
+    t.after(() => api(h.shelf.url, 'PUT', '/api/settings', { downloadsPermitted: true }));
     await banner.waitFor();
     await shot(page, 'downloads-paused');
     assert.match(await banner.textContent(), /Downloads are paused\s+Downloads are not permitted in Settings\./);

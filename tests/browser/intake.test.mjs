@@ -1,14 +1,8 @@
 // Adding without a dialog per address: the Share menu's target, paste, and the "Add URLs" box.
-import { test, describe, before } from 'node:test';
+import { test, describe } from 'node:test';
 import assert from 'node:assert/strict';
 import { readdir } from 'node:fs/promises';
-import path from 'node:path';
-import {
-  api, cleanups, eventually, openMenu, openPage, request, shot, startFileServer, startShelf, takeAlert, tempRoot,
-  useBrowser, LONG, sleep,
-} from './support.mjs';
-
-useBrowser();
+import { api, eventually, openPage, queue, shot, takeAlert, useHost, LONG, sleep } from './support.mjs';
 
 const box = (page) => page.getByRole('dialog', { name: 'Add URLs' });
 const outcomes = (page) => box(page).locator('.add-urls-results li')
@@ -27,45 +21,36 @@ async function addAll(page, count) {
 }
 
 describe('adding many addresses at once', { timeout: 6 * 60_000 }, () => {
-  const defer = cleanups();
-  let root, shelf, files;
-  before(async () => {
-    root = await tempRoot(defer);
-    files = await startFileServer(Object.fromEntries(['shared.txt', 'other.txt', 'pasted.txt', 'typed.txt']
-      .map((n) => [n, { body: Buffer.from(`${n}\n`), type: 'text/plain' }])));
-    defer(() => files.close());
-    shelf = await startShelf(root);
-    defer(() => shelf.stop());
-  });
+  const h = useHost({ files: Object.fromEntries(['shared.txt', 'other.txt', 'pasted.txt', 'typed.txt']
+    .map((n) => [n, { body: Buffer.from(`${n}\n`), type: 'text/plain' }])) });
 
   test('a link shared to the page waits in the box until Add, then each line says how it went', async (t) => {
-    const text = `Look at ${files.url('shared.txt')}, and ${files.url('other.txt')}.`;
-    const page = await openPage((f) => t.after(f), `${shelf.url}?share_text=${encodeURIComponent(text)}&share_title=Links`);
+    const text = `Look at ${h.files.url('shared.txt')}, and ${h.files.url('other.txt')}.`;
+    const page = await openPage(t, `${h.shelf.url}?share_text=${encodeURIComponent(text)}&share_title=Links`);
     await box(page).waitFor();
-    assert.equal(await box(page).getByRole('textbox').inputValue(), `${files.url('shared.txt')}\n${files.url('other.txt')}`);
+    assert.equal(await box(page).getByRole('textbox').inputValue(), `${h.files.url('shared.txt')}\n${h.files.url('other.txt')}`);
     assert.equal(new URL(page.url()).search, '', 'the shared text leaves the address bar');
-    const manifest = await request(shelf.url, { path: '/manifest.webmanifest' });
-    assert.deepEqual(JSON.parse(manifest.text).share_target.params, { title: 'share_title', text: 'share_text', url: 'share_url' });
-    assert.equal((await api(shelf.url, 'GET', '/api/downloads')).body.length, 0, 'nothing is added before Add');
+    const manifest = await api(h.shelf.url, 'GET', '/manifest.webmanifest');
+    assert.deepEqual(manifest.body.share_target.params, { title: 'share_title', text: 'share_text', url: 'share_url' });
+    assert.deepEqual(await queue(h.shelf.url), [], 'nothing is added before Add');
     await shot(page, 'add-urls-shared');
     const done = await addAll(page, 2);
     assert.deepEqual(done.map(([c]) => c), ['added', 'added']);
     assert.match(done[0][1], /Added: shared\.txt/);
-    await eventually(() => readdir(path.join(root, 'Documents')),
+    await eventually(() => readdir(h.docs),
       (v) => assert.deepEqual(v.filter((n) => n.endsWith('.txt')).sort(), ['other.txt', 'shared.txt']), LONG);
   });
 
   test('pasted links open the box; a line that is no address is refused beside it', async (t) => {
-    const page = await openPage((f) => t.after(f), shelf.url);
-    await openMenu(page, 'Downloads');
+    const page = await openPage(t, h.shelf.url, { menu: 'Downloads' });
     await page.evaluate((text) => {
       const data = new DataTransfer();
       data.setData('text/plain', text);
       document.dispatchEvent(new ClipboardEvent('paste', { clipboardData: data, bubbles: true }));
-    }, `see ${files.url('pasted.txt')}`);
+    }, `see ${h.files.url('pasted.txt')}`);
     await box(page).waitFor();
     const lines = box(page).getByRole('textbox');
-    await lines.fill(`${await lines.inputValue()}\nftp://nowhere.example/x\n\n${files.url('typed.txt')}`);
+    await lines.fill(`${await lines.inputValue()}\nftp://nowhere.example/x\n\n${h.files.url('typed.txt')}`);
     const all = await addAll(page, 3);
     assert.deepEqual(all.map(([c]) => c), ['added', 'refused', 'added'], JSON.stringify(all));
     assert.match(all[1][1], /not an http\(s\) address/);

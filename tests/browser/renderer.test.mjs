@@ -5,7 +5,7 @@ import http from 'node:http';
 import { readFile } from 'node:fs/promises';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
-import { browser, useBrowser } from './support.mjs';
+import { eventually, openPage } from './support.mjs';
 
 const WEB = fileURLToPath(new URL('../../shelf/web/', import.meta.url));
 const TYPES = { '.html': 'text/html', '.js': 'text/javascript', '.css': 'text/css' };
@@ -16,7 +16,6 @@ const HELLO = { t: 'hello', title: 'Shelf', strings: { OK: 'OK', Cancel: 'Cancel
 
 const ICON = '<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 10 10"><rect width="10" height="10"/></svg>';
 
-useBrowser();
 let server, base;
 before(async () => {
   server = http.createServer(async (req, res) => {
@@ -35,13 +34,7 @@ before(async () => {
 });
 after(() => server?.close());
 
-async function until(what, fn, ms = 5000) {
-  for (const end = Date.now() + ms; Date.now() < end; await new Promise((r) => setTimeout(r, 20))) {
-    const v = fn();
-    if (v) return v;
-  }
-  assert.fail(`timed out waiting for ${what}`);
-}
+const until = (what, fn) => eventually(fn, (v) => assert.ok(v, `waiting for ${what}`), 5000);
 
 const label = (id, text, style = 'largeTitle') => ({ id, kind: 'label', props: { text, style, flex: 1 } });
 const cell = (row, id = 1000 + row) => ({ row, view: { id, kind: 'cell', props: { selectedBackground: true },
@@ -51,12 +44,9 @@ const screen = (rows, height, extra = {}) => ({ id: 3, title: 'Queue', back: fal
 
 // Opens the page, answers hello's menu request with `scr`; returns helpers to play the host.
 async function open(t, scr) {
-  const page = await browser.newPage({ viewport: { width: 1000, height: 700 } });
-  const sent = [], errors = [];
-  page.on('pageerror', (e) => errors.push(e.message));
-  page.on('console', (m) => m.type() === 'error' && errors.push(m.text()));
+  const sent = [];
   let ws;
-  await page.routeWebSocket('**/ws', (route) => {
+  const page = await openPage(t, base, { viewport: { width: 1000, height: 700 }, socket: (route) => {
     ws = route;
     route.onMessage((text) => {
       const m = JSON.parse(text);
@@ -64,15 +54,10 @@ async function open(t, scr) {
       if (m.t === 'menu') route.send(JSON.stringify({ t: 'screen', screen: scr }));
     });
     route.send(JSON.stringify(HELLO));
-  });
-  await page.goto(base);
+  } });
   await page.waitForFunction(() => document.getElementById('title').textContent !== '');
-  t.after(async () => {
-    assert.deepEqual(errors, []);
-    await page.close();
-  });
   const push = (m) => ws.send(JSON.stringify(m));
-  return { page, sent, push, patch: (...ops) => push({ t: 'patch', screen: scr.id, ops }), drop: () => ws.close() };
+  return { page, sent, push, patch: (...ops) => push({ t: 'patch', screen: scr.id, ops }) };
 }
 
 const rowTexts = (page) => page.$$eval('#table .row', (rows) => rows
@@ -197,16 +182,4 @@ test('toolbar and controls follow props patches and report taps', async (t) => {
 
   patch({ op: 'toolbar', items: null });
   await page.waitForSelector('#toolbar', { state: 'hidden' });
-});
-
-test('after a dropped connection it reconnects and reopens the last menu entry', async (t) => {
-  const { page, sent, drop } = await open(t, screen(1, 60));
-  await page.getByRole('navigation').getByRole('button', { name: 'Recent' }).click();
-  assert.deepEqual(sent.findLast((m) => m.t === 'menu'), { t: 'menu', index: 1 });
-  const before = sent.length;
-  await drop();
-  await page.waitForSelector('#banner', { state: 'visible' });
-  assert.deepEqual(await until('menu after reconnect', () => sent.slice(before).find((m) => m.t === 'menu')), { t: 'menu', index: 1 });
-  await page.waitForSelector('#banner', { state: 'hidden' });
-  assert.equal(await page.getByRole('navigation').getByRole('button', { name: 'Recent' }).getAttribute('aria-current'), 'page');
 });

@@ -17,21 +17,42 @@ export const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
 export const TIP = 'Manage your downloads through the main menu item';
 export const MARKUP = '<img src=x onerror=window.__pwned=1>.txt';
 
+// One browser for the test file, launched before its first test.
 export let browser;
-// Launches the browser for the test file that calls it.
-export function useBrowser() {
-  before(async () => {
-    await mkdir(ARTIFACTS, { recursive: true });
-    browser = await chromium.launch({ executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox'] });
-  });
-  after(() => browser?.close());
-}
+before(async () => {
+  await mkdir(ARTIFACTS, { recursive: true });
+  browser = await chromium.launch({ executablePath: '/usr/bin/chromium', headless: true, args: ['--no-sandbox'] });
+});
+after(() => browser?.close());
 
 // --- Processes and servers --------------------------------------------------
 
-// A group's cleanups, run last first by its after hook (suite hooks have no t.after here).
-export function cleanups() {
+// A describe group's host: a root of its own, a file server for `files` (name → what
+// startFileServer takes) and `shelf serve` with `args`; `ready(h)` runs once they are
+// up. Everything is ended by the group's after hook, last first; `h.defer` adds to it.
+export function useHost({ files, args = [], ready } = {}) {
   const fns = [];
+  const h = { defer: (fn) => fns.push(fn) };
+  // `port`: 0 for any free one, or the one a stopped shelf had (to come back where a page waits).
+  h.start = async (port = 0) => {
+    h.shelf = await startShelf(h.root, args, port);
+  };
+  h.restart = async () => {
+    await h.shelf.stop();
+    await h.start(new URL(h.shelf.url).port);
+  };
+  before(async () => {
+    h.root = await mkdtemp(path.join(os.tmpdir(), 'shelf-host-test-'));
+    h.docs = path.join(h.root, 'Documents');
+    h.defer(() => rm(h.root, { recursive: true, force: true }));
+    if (files) {
+      h.files = await startFileServer(files);
+      h.defer(() => h.files.close());
+    }
+    await h.start();
+    h.defer(() => h.shelf.stop());
+    await ready?.(h);
+  });
   after(async () => {
     const errors = [];
     while (fns.length) {
@@ -39,39 +60,31 @@ export function cleanups() {
     }
     if (errors.length) throw errors[0];
   });
-  return (fn) => fns.push(fn);
-}
-
-export async function tempRoot(defer) {
-  const root = await mkdtemp(path.join(os.tmpdir(), 'shelf-host-test-'));
-  defer(() => rm(root, { recursive: true, force: true }));
-  return root;
+  return h;
 }
 
 // `timeout` ends shelf even if this process dies, and passes our SIGTERM on to it.
-// `port`: 0 for any free one, or the one a stopped shelf had (to come back where a page waits).
-export async function startShelf(root, args = [], port = 0) {
+async function startShelf(root, args, port) {
   const env = { ...process.env, LANG: 'C.UTF-8', LC_ALL: 'C.UTF-8', LANGUAGE: '' };
   const child = spawn('timeout', ['900', SHELF, 'serve', '--root', root, '--port', String(port), ...args],
     { env, stdio: ['ignore', 'pipe', 'pipe'] });
-  const pid = child.pid;
   let out = '';
   child.stdout.on('data', (d) => { out += d; });
   child.stderr.on('data', (d) => { out += d; });
   const exited = new Promise((r) => child.once('exit', r));
   const stop = async () => {
     if (child.exitCode !== null || child.signalCode !== null) return;
-    process.kill(pid, 'SIGTERM');
+    child.kill('SIGTERM');
     if (await Promise.race([exited.then(() => true), sleep(15_000)])) return;
     // Stuck: end shelf itself (its pid is in the root), then the wrapper.
-    const info = await readFile(path.join(root, 'Library', 'Server.json'), 'utf8').catch(() => '{}');
-    if (JSON.parse(info).pid) process.kill(JSON.parse(info).pid, 'SIGKILL');
-    process.kill(pid, 'SIGKILL');
+    const info = JSON.parse(await readFile(path.join(root, 'Library', 'Server.json'), 'utf8').catch(() => '{}'));
+    if (info.pid) process.kill(info.pid, 'SIGKILL');
+    child.kill('SIGKILL');
     await exited;
   };
   for (const end = Date.now() + 60_000; ; await sleep(50)) {
     const m = /shelf: open (http:\/\/\S+)/.exec(out);
-    if (m) return { url: m[1], pid, stop };
+    if (m) return { url: m[1], stop };
     if (child.exitCode !== null || Date.now() > end) {
       await stop();
       throw new Error(`shelf did not start:\n${out}`);
@@ -82,29 +95,23 @@ export async function startShelf(root, args = [], port = 0) {
 // files: name → {body, type, disposition, probeDelayMs, throttle: {bytes, everyMs}, failWith}.
 // failWith: every request but the probe is answered with this status.
 // Honours "Range: bytes=a-b" with 206 + Content-Range; the module probes with bytes=1-1.
-export async function startFileServer(files) {
-  const sockets = new Set(), timers = new Set(), requests = [];
+async function startFileServer(files) {
+  const sockets = new Set(), timers = new Set();
   const server = http.createServer((req, res) => {
-    const name = decodeURIComponent(new URL(req.url, 'http://x').pathname.slice(1));
-    const f = files[name];
-    requests.push({ name, range: req.headers.range });
+    const f = files[decodeURIComponent(new URL(req.url, 'http://x').pathname.slice(1))];
     if (!f) return res.writeHead(404).end();
     const total = f.body.length;
-    const headers = { 'content-type': f.type ?? 'application/octet-stream' };
-    if (f.disposition) headers['content-disposition'] = f.disposition;
-    let start = 0, end = total - 1, status = 200;
     const range = /^bytes=(\d+)-(\d*)$/.exec(req.headers.range ?? '');
-    if (range) {
-      [start, end, status] = [Number(range[1]), range[2] ? Math.min(Number(range[2]), total - 1) : total - 1, 206];
-      if (start > end) return res.writeHead(416, { 'content-range': `bytes */${total}` }).end();
-      headers['content-range'] = `bytes ${start}-${end}/${total}`;
-    }
-    headers['content-length'] = end - start + 1;
-    const body = f.body.subarray(start, end + 1);
+    const [start, end] = range ? [Number(range[1]), Math.min(Number(range[2] || total - 1), total - 1)] : [0, total - 1];
+    if (range && start > end) return res.writeHead(416, { 'content-range': `bytes */${total}` }).end();
     const probe = start === 1 && end === 1;
     if (f.failWith && !probe) return res.writeHead(f.failWith).end();
+    const headers = { 'content-type': f.type ?? 'application/octet-stream', 'content-length': end - start + 1 };
+    if (range) headers['content-range'] = `bytes ${start}-${end}/${total}`;
+    if (f.disposition) headers['content-disposition'] = f.disposition;
+    const body = f.body.subarray(start, end + 1);
     const send = () => {
-      res.writeHead(status, headers);
+      res.writeHead(range ? 206 : 200, headers);
       if (probe || !f.throttle) return res.end(body);
       let at = 0;
       const timer = setInterval(() => {
@@ -122,7 +129,6 @@ export async function startFileServer(files) {
   const base = `http://127.0.0.1:${server.address().port}/`;
   return {
     url: (name) => base + encodeURIComponent(name),
-    requests,
     close: () => {
       for (const t of timers) clearInterval(t);
       for (const s of sockets) s.destroy();
@@ -131,41 +137,27 @@ export async function startFileServer(files) {
   };
 }
 
-// A raw request: the path goes out as written, and no Origin unless given (fetch may add one).
-export function request(base, { method = 'GET', path: p = '/', headers = {}, body } = {}) {
-  const u = new URL(base);
-  return new Promise((resolve, reject) => {
-    const req = http.request({ host: u.hostname, port: u.port, method, path: p, headers, agent: false }, (res) => {
-      const chunks = [];
-      res.on('data', (c) => chunks.push(c));
-      res.on('end', () => resolve({ status: res.statusCode, text: Buffer.concat(chunks).toString() }));
-    });
-    req.on('upgrade', (res, socket) => { socket.destroy(); resolve({ status: res.statusCode, text: '' }); });
-    req.on('error', reject);
-    req.setTimeout(LONG, () => req.destroy(new Error(`${method} ${p} timed out`)));
-    req.end(body);
-  });
+// A request to the host, sent as JSON (the only way it takes changes) unless `type` says
+// otherwise; fetch sends the path as written and no Origin. The body is parsed if JSON.
+export async function api(url, method, p, body, type = 'application/json') {
+  const r = await fetch(new URL(p, url), { method, body: body && JSON.stringify(body),
+    headers: method === 'GET' ? {} : { 'content-type': type }, signal: AbortSignal.timeout(LONG) });
+  const text = await r.text();
+  return { status: r.status, body: text && /json/.test(r.headers.get('content-type')) ? JSON.parse(text) : text };
 }
-
-// The host takes changes (anything but GET) only as JSON.
-export async function api(url, method, p, body) {
-  const json = body === undefined ? undefined : JSON.stringify(body);
-  const headers = method === 'GET' ? {} : { 'content-type': 'application/json' };
-  const r = await request(url, { method, path: p, body: json, headers });
-  return { status: r.status, body: r.text ? JSON.parse(r.text) : null };
-}
+export const queue = async (url) => (await api(url, 'GET', '/api/downloads')).body;
 
 // Queue records that stay put: nothing starts while downloads are not permitted.
 // Added before any tab connects, so the intake's alert and tip are headless.
-export async function seedQueue(url, files, names, stopped = []) {
-  assert.equal((await api(url, 'PUT', '/api/settings', { downloadsPermitted: false })).status, 200);
+export async function seedQueue(h, names, stopped = []) {
+  assert.equal((await api(h.shelf.url, 'PUT', '/api/settings', { downloadsPermitted: false })).status, 200);
   const ids = [];
   for (const name of names) {
-    const r = await api(url, 'POST', '/api/downloads', { url: files.url(name) });
+    const r = await api(h.shelf.url, 'POST', '/api/downloads', { url: h.files.url(name) });
     assert.equal(r.status, 201, JSON.stringify(r.body));
     ids.push(r.body.download.uniqueId);
   }
-  for (const i of stopped) assert.equal((await api(url, 'POST', `/api/downloads/${ids[i]}/stop`)).status, 204);
+  for (const i of stopped) assert.equal((await api(h.shelf.url, 'POST', `/api/downloads/${ids[i]}/stop`)).status, 204);
   return ids;
 }
 
@@ -173,28 +165,38 @@ export async function seedQueue(url, files, names, stopped = []) {
 
 export const PHONE = { width: 390, height: 844 };
 
-// `options`: more browser context options (colorScheme, ...).
-export async function openPage(defer, url, viewport = { width: 1100, height: 760 }, options = {}) {
+// A page in a browser context of its own, closed by `owner` (a test, or a cleanup
+// function) with a check that no script failed. `menu`: the screen to open first;
+// `socket(route)`: plays the host's side of /ws instead of the host (console errors
+// count then too); other options go to the context (viewport, colorScheme, ...).
+export async function openPage(owner, url, { menu, socket, viewport = { width: 1100, height: 760 }, ...options } = {}) {
   const context = await browser.newContext({ viewport, ...options });
   const page = await context.newPage();
   const errors = [];
   page.on('pageerror', (e) => errors.push(e.message));
-  defer(async () => {
+  if (socket) page.on('console', (m) => m.type() === 'error' && errors.push(m.text()));
+  (owner.after?.bind(owner) ?? owner)(async () => {
     await context.close();
     assert.deepEqual(errors, [], 'no script errors');
   });
+  if (socket) await page.routeWebSocket('**/ws', socket);
   await page.goto(url);
   await page.waitForSelector('#menu .menu-item');
+  if (menu) await openMenu(page, menu);
   return page;
 }
 
-export async function openMenu(page, title) {
-  // On a narrow screen the menu is a drawer, opened first.
-  const closedDrawer = await page.evaluate(() => getComputedStyle(document.getElementById('menu-button')).display !== 'none'
-    && !document.body.classList.contains('drawer-open'));
-  if (closedDrawer) await page.click('#menu-button');
+// Chooses `title` in the menu, then the row named `row` on that screen when given.
+export async function openMenu(page, title, row) {
+  // On a narrow screen the menu is a drawer, opened first; the choice closes it.
+  const narrow = await page.evaluate(() => getComputedStyle(document.getElementById('menu-button')).display !== 'none');
+  if (narrow && !(await page.evaluate(() => document.body.classList.contains('drawer-open')))) await page.click('#menu-button');
   await page.locator('#menu .menu-item').filter({ hasText: new RegExp(`^${title}$`) }).click();
   await page.waitForFunction((s) => document.getElementById('title').textContent === s, title);
+  if (narrow) assert.equal(await page.evaluate(() => document.body.classList.contains('drawer-open')), false, 'the drawer closes');
+  if (!row) return;
+  await page.locator('#table .row[data-row]').filter({ hasText: new RegExp(`^${row}$`) }).click();
+  await page.waitForFunction((s) => document.getElementById('title').textContent === s && !document.getElementById('back').hidden, row);
 }
 
 // Retries `probe` until `check` (which asserts) passes; the last failure is reported.
@@ -238,7 +240,6 @@ export async function takeAlert(page) {
   await page.waitForSelector('#alert[open]', { state: 'detached' });
   return text;
 }
-
 
 // --- Accessibility ----------------------------------------------------------
 
