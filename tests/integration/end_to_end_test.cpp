@@ -4,26 +4,24 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
 #include <set>
-#include <thread>
+#include <sstream>
 
 #include "module/core/DFDownloadManager.h"
 #include "module/platform/FileManager.h"
 #include "shelfkit/runtime/PosixFileManager.h"
 #include "shelfkit/runtime/RootLayout.h"
-#include "tests/support/Files.h"
 #include "tests/support/Journal.h"
+#include "tests/support/ShelfProcess.h"
 #include "tests/support/TestHost.h"
 #include "tests/support/TestHttpServer.h"
 
@@ -105,13 +103,8 @@ TEST_F(EndToEndTest, TenDownloadsThroughFaultsEndIdenticalToTheirSources) {
     });
   }
   auto manager = DFDownloadManager::init();
-  // Overrides one notification only: the others keep their empty defaults.
-  struct Failures : DFDownloadManagerDelegate {
-    int stopped = 0;
-    void downloadOperationStopped(DFDownloadManager&, const Record&) override { ++stopped; }
-  };
-  auto failures = std::make_shared<Failures>();
-  manager->addDelegate(failures);
+  auto journal = std::make_shared<Journal>();
+  manager->addDelegate(journal);
   int added = 0;
   for (auto& [path, size] : files)
     manager->downloadFileWithURL(*platform::URL::URLWithString(server_.url(path)),
@@ -126,35 +119,19 @@ TEST_F(EndToEndTest, TenDownloadsThroughFaultsEndIdenticalToTheirSources) {
   // Eight chunked files each met a dropped connection: two faulty answers are
   // more than read-ahead absorbs. The 200s may have been met by ranges read
   // ahead only, and the loader then asked again.
-  EXPECT_GE(failures->stopped, 8);
+  EXPECT_GE(std::ranges::count_if(journal->events, [](auto& e) { return e.starts_with("stopped"); }), 8);
 }
 
-TEST_F(EndToEndTest, ARestartedManagerResumesFromTheLastCompleteChunk) {
+// Three transfers hang in their third chunk. Losing the network stops each
+// once; its return resumes them from the last complete chunk, and so does a
+// restart after the manager ended in the middle of those chunks.
+TEST_F(EndToEndTest, LosingTheNetworkOrTheProcessResumesFromTheLastCompleteChunk) {
   std::atomic<bool> stall = true;
-  serveWithStalledThirdChunk("/big.dat", stall);
-  auto manager = DFDownloadManager::init();
-  manager->downloadFileWithURL(*platform::URL::URLWithString(server_.url("/big.dat")), nullptr);
-  ASSERT_TRUE(untilInTheThirdChunk(*manager, 1));
-  host_.loop().runFor(200ms);
-  ASSERT_EQ(manager->downloadOperations().size(), 1u);
-  EXPECT_EQ(manager->downloadOperations()[0]->position(), 400000);
-  manager.reset();  // the process ends here
-  stall = false;
-  server_.releaseStalls();
-
-  const size_t mark = server_.requests("/big.dat").size();
-  auto restarted = DFDownloadManager::init();
-  ASSERT_TRUE(host_.runUntil([&] { return restarted->downloadOperations().empty(); }, 60s));
-  EXPECT_EQ(rangeAfter("/big.dat", mark), "bytes=400000-599999");
-  EXPECT_TRUE(readFile(host_.layout().documents + "/big.dat") == TestHttpServer::pattern(0, 2000000));
-}
-
-TEST_F(EndToEndTest, LosingTheNetworkStopsEachTransferOnceAndItsReturnResumesThem) {
-  std::atomic<bool> stall = true;  // the third chunks hang until the route goes
   auto manager = DFDownloadManager::init();
   auto journal = std::make_shared<Journal>();
   manager->addDelegate(journal);
-  for (const char* name : {"/a.dat", "/b.dat", "/c.dat"}) {
+  const std::vector<std::string> names{"/a.dat", "/b.dat", "/c.dat"};
+  for (const auto& name : names) {
     serveWithStalledThirdChunk(name, stall);
     manager->downloadFileWithURL(*platform::URL::URLWithString(server_.url(name)), nullptr);
   }
@@ -170,17 +147,28 @@ TEST_F(EndToEndTest, LosingTheNetworkStopsEachTransferOnceAndItsReturnResumesThe
     EXPECT_TRUE(record->active());
     EXPECT_FALSE(manager->downloadOperationInProgress(record));
   }
-  stall = false;
-  server_.releaseStalls();
   host_.loop().runFor(300ms);
   EXPECT_TRUE(journal->take().empty()) << "nothing starts without a route";
 
+  // Each resumption asks for the third chunk first.
   std::map<std::string, size_t> marks;
-  for (const char* name : {"/a.dat", "/b.dat", "/c.dat"}) marks[name] = server_.requests(name).size();
+  auto resumed = [&] {
+    return std::ranges::all_of(names, [&](auto& name) { return rangeAfter(name, marks[name]).has_value(); });
+  };
+  for (const auto& name : names) marks[name] = server_.requests(name).size();
   host_.network().setState(true, true);
-  ASSERT_TRUE(host_.runUntil([&] { return manager->downloadOperations().empty(); }, 60s));
-  for (auto& [name, mark] : marks) {
-    EXPECT_EQ(rangeAfter(name, mark), "bytes=400000-599999") << name << ": resumed from the last complete chunk";
+  ASSERT_TRUE(host_.runUntil(resumed, 30s));
+  for (const auto& name : names) EXPECT_EQ(rangeAfter(name, marks[name]), "bytes=400000-599999") << name;
+  host_.loop().runFor(200ms);
+  manager.reset();  // the process ends here
+  stall = false;
+  server_.releaseStalls();
+
+  for (const auto& name : names) marks[name] = server_.requests(name).size();
+  auto restarted = DFDownloadManager::init();
+  ASSERT_TRUE(host_.runUntil([&] { return restarted->downloadOperations().empty(); }, 60s));
+  for (const auto& name : names) {
+    EXPECT_EQ(rangeAfter(name, marks[name]), "bytes=400000-599999") << name;
     EXPECT_TRUE(readFile(host_.layout().documents + name) == TestHttpServer::pattern(0, 2000000)) << name;
   }
 }
@@ -239,114 +227,35 @@ TEST_F(EndToEndTest, AFullDocumentsFolderKeepsTheFileUntilThereIsRoom) {
   EXPECT_TRUE(fs::is_empty(host_.layout().library + "/DownloaderTmpFiles"));
 }
 
-// `shelf get` as a user runs it.
-struct CommandRun {
-  int status;
-  std::string output;
-};
-CommandRun shelf(const std::string& arguments) {
-  std::string command = std::string(SHELF_BINARY) + " " + arguments + " 2>&1";
-  CommandRun run{-1, ""};
-  FILE* pipe = popen(command.c_str(), "r");
-  char buffer[4096];
-  while (size_t n = fread(buffer, 1, sizeof buffer, pipe)) run.output.append(buffer, n);
-  int status = pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
-
-TEST(ShelfGet, PlacesFilesAndReportsRefusalsAndFailures) {
-  TestHttpServer server;
-  const std::string out = makeTemporaryDirectory();
-  server.setRoute("/report.pdf", {.size = 1500000, .mimeType = "application/pdf"});
-  server.setRoute("/clip.mp4", {.size = 5000});
-  server.setHandler("/broken.zip", [](const RecordedRequest&, int index) {
-    Behaviour b{.size = 500000};
-    if (index > 0) b.dropAfterBytes = 1000;
-    return b;
-  });
-
-  CommandRun ok = shelf("get " + server.url("/report.pdf") + " -o " + out);
-  EXPECT_EQ(ok.status, 0) << ok.output;
-  EXPECT_NE(ok.output.find(out + "/report.pdf"), std::string::npos) << ok.output;
-  EXPECT_TRUE(readFile(out + "/report.pdf") == TestHttpServer::pattern(0, 1500000));
-
-  CommandRun refused = shelf("get " + server.url("/clip.mp4") + " -o " + out);
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_NE(refused.output.find("Downloading of media content is prohibited"), std::string::npos) << refused.output;
-
-  CommandRun failed = shelf("get " + server.url("/broken.zip") + " --tries 1 -o " + out);
-  EXPECT_EQ(failed.status, 1);
-  EXPECT_NE(failed.output.find("The network connection was lost."), std::string::npos) << failed.output;
-  EXPECT_FALSE(fs::exists(out + "/broken.zip"));
-
-  CommandRun bad = shelf("get not-a-url -o " + out);
-  EXPECT_EQ(bad.status, 2);
-  fs::remove_all(out);
-}
-
-// A running `shelf serve`, stopped (by its process id) at the end.
-class RunningShelf {
- public:
-  explicit RunningShelf(const std::string& root) {
-    int out[2];
-    if (pipe(out) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(out[1], STDOUT_FILENO);
-      close(out[0]);
-      execl(SHELF_BINARY, SHELF_BINARY, "serve", "--root", root.c_str(), "--port", "0", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    close(out[1]);
-    output_ = fdopen(out[0], "r");
-    char line[1024];
-    while (output_ && fgets(line, sizeof line, output_))
-      if (std::string(line).starts_with("shelf: open ")) {
-        url_ = std::string(line).substr(12);
-        break;
-      }
-  }
-  ~RunningShelf() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      waitpid(pid_, nullptr, 0);
-    }
-    if (output_) fclose(output_);
-  }
-  const std::string& url() const { return url_; }
-
- private:
-  pid_t pid_ = -1;
-  FILE* output_ = nullptr;
-  std::string url_;
-};
-
 TEST(ShelfAdd, HandsAddressesToTheRunningHost) {
   TestHttpServer server;
   server.setRoute("/notes.txt", {.size = 300000, .mimeType = "text/plain"});
   const std::string root = makeTemporaryDirectory();
-  CommandRun alone = shelf("add --root " + root + " " + server.url("/notes.txt"));
+  const std::string notes = server.url("/notes.txt");
+  const Finished alone = runShelf({"add", "--root", root, notes});
   EXPECT_EQ(alone.status, 2) << "no host runs yet";
   EXPECT_NE(alone.output.find("shelf serve"), std::string::npos) << alone.output;
   {
-    RunningShelf host(root);
-    ASSERT_FALSE(host.url().empty());
-    CommandRun second = shelf("serve --root " + root + " --port 0");
+    ShelfProcess host({"serve", "--root", root, "--port", "0"});
+    std::string url;  // of the host, from its line "shelf: open URL"
+    ASSERT_TRUE(waitFor([&] {
+      std::istringstream said(host.output());
+      for (std::string line; std::getline(said, line) && url.empty();)
+        if (line.starts_with("shelf: open ")) url = line.substr(12);
+      return !url.empty();
+    }));
+    const Finished second = runShelf({"serve", "--root", root, "--port", "0"});
     EXPECT_EQ(second.status, 1) << "one process owns a root";
-    EXPECT_NE(second.output.find(host.url().substr(0, host.url().size() - 1)), std::string::npos) << second.output;
+    EXPECT_NE(second.output.find(url), std::string::npos) << second.output;
 
-    CommandRun added = shelf("add --root " + root + " " + server.url("/notes.txt") + " " + server.url("/notes.txt") +
-                             " --type application/zip");
+    Finished added = runShelf({"add", "--root", root, notes, notes, "--type", "application/zip"});
     EXPECT_EQ(added.status, 1) << added.output;
     EXPECT_NE(added.output.find("Invalid mime-type"), std::string::npos) << added.output;
-    added = shelf("add --root " + root + " " + server.url("/notes.txt"));
+    added = runShelf({"add", "--root", root, notes});
     EXPECT_EQ(added.status, 0) << added.output;
-    const auto deadline = std::chrono::steady_clock::now() + 60s;
-    while (!fs::exists(root + "/Documents/notes.txt") && std::chrono::steady_clock::now() < deadline)
-      std::this_thread::sleep_for(50ms);
-    std::this_thread::sleep_for(200ms);
-    EXPECT_TRUE(readFile(root + "/Documents/notes.txt") == TestHttpServer::pattern(0, 300000));
+    EXPECT_TRUE(waitFor([&] { return readFile(root + "/Documents/notes.txt") == TestHttpServer::pattern(0, 300000); }));
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.wait(), 0) << host.output();
   }
   fs::remove_all(root);
 }
@@ -384,7 +293,7 @@ TEST(ShelfAdd, SendsNothingWhenTheHostIsGoneOrItsNoteIsBad) {
     if (c.running) lock.emplace(layout);
     fs::remove(layout.library + "/Server.json");
     if (!c.note.empty()) std::ofstream(layout.library + "/Server.json") << c.note;
-    CommandRun run = shelf("add --root " + root + " http://files.example/a.zip");
+    const Finished run = runShelf({"add", "--root", root, "http://files.example/a.zip"});
     EXPECT_EQ(run.status, 2) << run.output;
     EXPECT_LT(::accept(stranger, nullptr, nullptr), 0) << "nothing was sent to the stranger";
   }

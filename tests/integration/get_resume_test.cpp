@@ -3,89 +3,18 @@
 // of addresses.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <atomic>
-#include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <map>
-#include <thread>
 
 #include <sqlite3.h>
 
-#include "tests/support/Files.h"
-#include "tests/support/TestHost.h"
+#include "tests/support/ShelfProcess.h"
 #include "tests/support/TestHttpServer.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 namespace {
-
-// One `shelf` process: standard output and error together into a file,
-// standard input read from one. Waited for (or killed) by its process id.
-class ShelfProcess {
- public:
-  explicit ShelfProcess(const std::vector<std::string>& arguments, const std::string& input = "")
-      : folder_(makeTemporaryDirectory()) {
-    std::ofstream(folder_ + "/in") << input;
-    std::vector<char*> argv{const_cast<char*>(SHELF_BINARY)};
-    for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, (folder_ + "/in").c_str(), O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, (folder_ + "/out").c_str(), O_WRONLY | O_CREAT, 0600);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    if (::posix_spawn(&pid_, SHELF_BINARY, &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-  }
-  ~ShelfProcess() {
-    if (pid_ > 0 && !waited_) {
-      ::kill(pid_, SIGKILL);
-      wait();
-    }
-    fs::remove_all(folder_);
-  }
-  void signal(int number) { ::kill(pid_, number); }
-  // The exit status, or 128 + the signal that ended it.
-  int wait() {
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-    waited_ = true;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-  std::string output() const { return readFile(folder_ + "/out"); }
-
- private:
-  const std::string folder_;
-  pid_t pid_ = -1;
-  bool waited_ = false;
-};
-
-struct Finished {
-  int status;
-  std::string output;
-};
-Finished runShelf(const std::vector<std::string>& arguments, const std::string& input = "") {
-  ShelfProcess process(arguments, input);
-  const int status = process.wait();
-  return {status, process.output()};
-}
-
-bool waitFor(const std::function<bool()>& condition, std::chrono::seconds timeout = 60s) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(20ms);
-  }
-  return true;
-}
 
 std::string statePath(const std::string& out) { return out + "/.shelf-get"; }
 
@@ -132,12 +61,14 @@ TEST(ShelfGetResume, AnInterruptedRunContinuesFromTheLastCompleteChunk) {
   const struct {
     const char* what;
     int signal;  // 0: the run gives up after a failure (--tries 1)
+    int status;
+    const char* said;
     bool restart;
   } cases[] = {
-      {"Ctrl-C", SIGINT, false},
-      {"killed", SIGKILL, false},
-      {"given up after a failure", 0, false},
-      {"Ctrl-C, then --restart", SIGINT, true},
+      {"Ctrl-C", SIGINT, 130, "run the same command again", false},
+      {"killed", SIGKILL, 128 + SIGKILL, "", false},
+      {"given up after a failure", 0, 1, "The network connection was lost.", false},
+      {"Ctrl-C, then --restart", SIGINT, 130, "run the same command again", true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -155,27 +86,18 @@ TEST(ShelfGetResume, AnInterruptedRunContinuesFromTheLastCompleteChunk) {
     server.setRoute("/small.txt", {.size = 3000, .mimeType = "text/plain"});  // placed before the interruption
     const std::string out = makeTemporaryDirectory();
     const std::vector<std::string> command{"get", server.url("/big.dat"), server.url("/small.txt"), "-o", out};
-    if (c.signal == 0) {
-      auto giveUp = command;
-      giveUp.insert(giveUp.end(), {"--tries", "1"});
-      const Finished first = runShelf(giveUp);
-      EXPECT_EQ(first.status, 1) << first.output;
-      EXPECT_NE(first.output.find("what arrived is kept"), std::string::npos) << first.output;
-      EXPECT_EQ(savedPosition(out, "big.dat"), kept);
-    } else {
-      ShelfProcess first(command);
-      ASSERT_TRUE(waitFor([&] {
-        return temporaryFileSize(out) == kept && savedPosition(out, "big.dat") == kept &&
-               first.output().find(out + "/small.txt\n") != std::string::npos;
-      }));
-      first.signal(c.signal);
-      const int status = first.wait();
-      EXPECT_EQ(status, c.signal == SIGINT ? 130 : 128 + SIGKILL) << first.output();
-      if (c.signal == SIGINT) {
-        EXPECT_NE(first.output().find("run the same command again"), std::string::npos) << first.output();
-      }
-    }
+    auto firstCommand = command;
+    if (c.signal == 0) firstCommand.insert(firstCommand.end(), {"--tries", "1"});
+    ShelfProcess first(firstCommand);
+    ASSERT_TRUE(waitFor([&] {
+      return temporaryFileSize(out) == kept && savedPosition(out, "big.dat") == kept &&
+             first.output().find(out + "/small.txt\n") != std::string::npos;
+    }));
+    if (c.signal != 0) first.signal(c.signal);
+    EXPECT_EQ(first.wait(), c.status) << first.output();
+    EXPECT_NE(first.output().find(c.said), std::string::npos) << first.output();
     EXPECT_EQ(temporaryFileSize(out), kept) << "the partial data is kept";
+    EXPECT_FALSE(fs::exists(out + "/big.dat"));
     const size_t mark = server.requests("/big.dat").size();
     const size_t smallMark = server.requests("/small.txt").size();
     holding = false;
@@ -192,24 +114,23 @@ TEST(ShelfGetResume, AnInterruptedRunContinuesFromTheLastCompleteChunk) {
         << resumed.output;
     EXPECT_EQ(fs::exists(out + "/small(1).txt"), c.restart) << "a placed file is fetched again only with --restart";
     EXPECT_EQ(server.requests("/small.txt").size() > smallMark, c.restart);
+    fs::remove_all(out);
 
     const auto requests = server.requests("/big.dat");
     const auto again = rangeStarts(requests, mark);
     ASSERT_FALSE(again.empty());
-    if (c.restart) {
-      EXPECT_EQ(again.front(), 0) << "--restart fetches from the start";
-      continue;
-    }
-    EXPECT_EQ(again.front(), kept);
+    EXPECT_EQ(again.front(), c.restart ? 0 : kept) << "--restart fetches from the start, else from the kept data";
+    if (c.restart) continue;
     std::map<int64_t, int> asked;
     for (int64_t start : rangeStarts(requests)) ++asked[start];
     for (int64_t start = 0; start < kept; start += 500000) EXPECT_EQ(asked[start], 1) << "chunk at " << start;
     for (int64_t start : again) EXPECT_GE(start, kept) << "a complete chunk was fetched again";
-    fs::remove_all(out);
   }
 }
 
-TEST(ShelfGetResume, WithoutRangesAnInterruptedFileStartsOverAndEndsRight) {
+// A server without ranges: while the first run hangs, a second run on the
+// same folder is turned away; interrupted, the file starts over and ends right.
+TEST(ShelfGetResume, WithoutRangesAnInterruptedFileStartsOverAndARunOwnsItsFolder) {
   const int64_t size = 3000000;
   TestHttpServer server;
   std::atomic<bool> holding = true;
@@ -218,11 +139,16 @@ TEST(ShelfGetResume, WithoutRangesAnInterruptedFileStartsOverAndEndsRight) {
     if (holding) b.stallAtByte = 1000000;
     return b;
   });
+  server.setRoute("/other.dat", {.size = 1000});
   const std::string out = makeTemporaryDirectory();
   const std::vector<std::string> command{"get", server.url("/whole.dat"), "-o", out};
   {
     ShelfProcess first(command);
     ASSERT_TRUE(waitFor([&] { return server.bodyBytesSent("/whole.dat") >= 1000000 + 2; }));
+    const Finished second = runShelf({"get", server.url("/other.dat"), "-o", out});
+    EXPECT_EQ(second.status, 2) << second.output;
+    EXPECT_NE(second.output.find("another `shelf get` is using"), std::string::npos) << second.output;
+    EXPECT_TRUE(server.requests("/other.dat").empty());
     std::this_thread::sleep_for(300ms);
     first.signal(SIGINT);
     EXPECT_EQ(first.wait(), 130) << first.output();
@@ -238,35 +164,13 @@ TEST(ShelfGetResume, WithoutRangesAnInterruptedFileStartsOverAndEndsRight) {
   fs::remove_all(out);
 }
 
-TEST(ShelfGetResume, ASecondRunOnTheSameFolderIsTurnedAway) {
-  TestHttpServer server;
-  std::atomic<bool> holding = true;
-  server.setHandler("/slow.dat", [&](const RecordedRequest& request, int) {
-    Behaviour b{.size = 500000};
-    if (holding && request.header("Range") != "bytes=1-1") b.stallAtByte = 1000;
-    return b;
-  });
-  server.setRoute("/other.dat", {.size = 1000});
-  const std::string out = makeTemporaryDirectory();
-  ShelfProcess first({"get", server.url("/slow.dat"), "-o", out});
-  ASSERT_TRUE(waitFor([&] { return rangeStarts(server.requests("/slow.dat")).size() > 0; }));
-
-  const Finished second = runShelf({"get", server.url("/other.dat"), "-o", out});
-  EXPECT_EQ(second.status, 2) << second.output;
-  EXPECT_NE(second.output.find("another `shelf get` is using"), std::string::npos) << second.output;
-  EXPECT_TRUE(server.requests("/other.dat").empty());
-
-  holding = false;
-  server.releaseStalls();
-  EXPECT_EQ(first.wait(), 0) << first.output();
-  EXPECT_TRUE(readFile(out + "/slow.dat") == TestHttpServer::pattern(0, 500000));
-  fs::remove_all(out);
-}
-
-TEST(ShelfGetInput, ListsOfAddresses) {
+// What a run answers to its input: addresses on standard input, lists, bad
+// input and a refused address.
+TEST(ShelfGet, InputAndRefusals) {
   TestHttpServer server;
   server.setRoute("/a.txt", {.size = 3000, .mimeType = "text/plain"});
   server.setRoute("/b.txt", {.size = 4000, .mimeType = "text/plain"});
+  server.setRoute("/clip.mp4", {.size = 5000});
   const std::string folder = makeTemporaryDirectory();
   const std::string a = server.url("/a.txt"), b = server.url("/b.txt");
   std::ofstream(folder + "/bad.txt") << a << "\nnot an address\n" << b << "\n";
@@ -280,15 +184,14 @@ TEST(ShelfGetInput, ListsOfAddresses) {
     std::vector<std::string> lines;  // each is in the output, in any order (OUT: the output folder)
     bool exact;                      // and nothing else is
   } cases[] = {
-      {"comments and blank lines on standard input, quiet",
-       {"get", "-q", "-i", "-"},
-       "# files\n\n" + a + "\n   " + b + "  \r\n",
-       0,
-       {"OUT/a.txt\n", "OUT/b.txt\n"},
-       true},
+      {"comments and blank lines on standard input, quiet", {"get", "-q", "-i", "-"},
+       "# files\n\n" + a + "\n   " + b + "  \r\n", 0, {"OUT/a.txt\n", "OUT/b.txt\n"}, true},
+      {"a media address is refused", {"get", server.url("/clip.mp4")}, "", 1, {"media content is prohibited"}, false},
+      {"an argument that is not an address", {"get", "not-a-url"}, "", 2, {"not a web address: not-a-url"}, false},
       {"a bad line stops everything", {"get", "-i", folder + "/bad.txt"}, "", 2, {"bad.txt:2: not a web address"}, false},
       {"a list with no address", {"get", "-i", folder + "/empty.txt"}, "", 2, {"no address"}, false},
-      {"a list that is not there", {"get", "-i", folder + "/missing.txt"}, "", 2, {"cannot read the list"}, false},
+      {"a list that is not there", {"get", "-i", folder + "/missing.txt"}, "", 2,
+       {"cannot read the list " + folder + "/missing.txt"}, false},
       {"an unknown option", {"get", "--bogus", a}, "", 2, {"--bogus"}, false},
       {"the help tells the exit statuses", {"get", "--help"}, "", 0, {"130  interrupted"}, false},
   };
@@ -309,7 +212,7 @@ TEST(ShelfGetInput, ListsOfAddresses) {
     if (c.exact) {
       EXPECT_EQ(run.output.size(), length) << run.output;
     }
-    if (c.status != 0) {
+    if (c.status == 2) {
       EXPECT_EQ(server.requests().size(), before) << "nothing was started";
       EXPECT_FALSE(fs::exists(statePath(out)));
     }
