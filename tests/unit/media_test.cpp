@@ -115,18 +115,14 @@ TEST_F(MediaTest, RemuxesTheNarrowestVariantLikeTheCommandLine) {
   EXPECT_TRUE(std::is_sorted(probe_->positions.begin(), probe_->positions.end()));
   EXPECT_GT(probe_->updates, 100) << "one report per written packet";
 
-  // Segment requests of the wide (v0) and narrow (v1) variants since `from`.
-  auto segments = [&](size_t from) {
-    auto requests = server_.requests();
-    std::pair<size_t, size_t> counts{0, 0};
-    for (size_t i = from; i < requests.size(); ++i) {
-      counts.first += requests[i].target.starts_with("/hls/v0_seg");
-      counts.second += requests[i].target.starts_with("/hls/v1_seg");
-    }
-    return counts;
+  // Segment requests of a variant (v0: wide, v1: narrow) since `from`.
+  auto segments = [&](const std::string& variant, size_t from) {
+    const auto requests = server_.requests();
+    return std::count_if(requests.begin() + static_cast<std::ptrdiff_t>(from), requests.end(),
+                         [&](const RecordedRequest& q) { return q.target.starts_with("/hls/" + variant + "_seg"); });
   };
-  const auto [wide, narrow] = segments(0);
-  EXPECT_EQ(narrow, 10u);
+  const auto wide = segments("v0", 0);
+  EXPECT_EQ(segments("v1", 0), 10);
 
   // The same remux by the ffmpeg command line, from the same server.
   const size_t mark = server_.requests().size();
@@ -134,10 +130,10 @@ TEST_F(MediaTest, RemuxesTheNarrowestVariantLikeTheCommandLine) {
   ASSERT_EQ(expected.size(), 2u);
   EXPECT_EQ(packetCounts(tmpPath(r)), expected);
   // Probing reads the start of every variant; after the choice the wide one is no longer fetched.
-  const auto [referenceWide, referenceNarrow] = segments(mark);
+  const auto referenceWide = segments("v0", mark);
   EXPECT_LE(wide, referenceWide);
-  EXPECT_LE(wide, 2u);
-  std::printf("wide-variant segments fetched: loader %zu, ffmpeg %zu (of 10)\n", wide, referenceWide);
+  EXPECT_LE(wide, 2);
+  std::printf("wide-variant segments fetched: loader %td, ffmpeg %td (of 10)\n", wide, referenceWide);
 }
 
 TEST_F(MediaTest, StreamChoiceWithoutProgramsAndFailures) {
@@ -171,20 +167,17 @@ TEST_F(MediaTest, StreamChoiceWithoutProgramsAndFailures) {
     }
     EXPECT_EQ(probe_->lastError, std::nullopt);
     std::vector<std::string> streams;
-    for (std::string line : streamsOf(tmpPath(r), "codec_type,height,bit_rate")) {
-      // "video,240,123" or "audio,,64318": keep the height, class the audio bit rate.
-      std::string type = line.substr(0, line.find(','));
-      if (type == "video") {
-        streams.push_back("video," + line.substr(6, line.find(',', 6) - 6));
-      } else {
-        long rate = std::atol(line.substr(line.rfind(',') + 1).c_str());
-        streams.push_back(type + (rate < 100000 ? ",low" : ",high"));
-      }
+    for (const std::string& line : streamsOf(tmpPath(r), "codec_type,height,bit_rate")) {
+      // "video,240,N/A" keeps its height, "audio,,64318" its bit rate class.
+      if (line.starts_with("video")) streams.push_back(line.substr(0, line.rfind(',')));
+      else streams.push_back(std::atol(line.substr(line.rfind(',') + 1).c_str()) < 100000 ? "audio,low" : "audio,high");
     }
     EXPECT_EQ(streams, c.streams);
   }
 }
 
+// The retry rules are in PlaylistFetchTest.OneRetryForTheBytesStillMissing;
+// here a retried segment must reach the remux whole.
 TEST_F(MediaTest, ASegmentIsRetriedOnceBeforeTheRemuxFails) {
   const std::string path = "/hls/v1_seg004.ts";
   const Behaviour good{.body = readFile(fixtures_ + path), .mimeType = "video/mp2t"};
@@ -194,7 +187,6 @@ TEST_F(MediaTest, ASegmentIsRetriedOnceBeforeTheRemuxFails) {
     bool always;
     std::optional<std::string> error;
   } cases[] = {
-      {"an error status once", {.body = good.body, .status = 500}, false, std::nullopt},
       {"the connection lost once", {.body = good.body, .dropAfterBytes = 3000}, false, std::nullopt},
       {"an error status every time", {.body = good.body, .status = 500}, true, "Failed"},
   };
@@ -242,6 +234,8 @@ TEST_F(MediaTest, WithoutTheMediaLibraryThereIsNoLoaderAndNoGenerator) {
   EXPECT_EQ(probe_->updates, 0);
 }
 
+// The tags as the real reader finds them; the naming rules over them are in
+// PrettyFilenameGenerator.RulesOverTheTagsRead.
 TEST_F(MediaTest, NamesFromTags) {
   auto generator = DFPrettyFilenameGenerator::sharedInstance();
   ASSERT_TRUE(generator);
@@ -252,10 +246,8 @@ TEST_F(MediaTest, NamesFromTags) {
   } cases[] = {
       {"/tags_title_artist.mp3", "track.MP3", "Band - Song.mp3"},
       {"/tags_title_only.mp3", "track.mp3", "Song.mp3"},
-      {"/tags_empty_title.mp3", "track.mp3", "track.mp3"},
-      {"/tags_artist_only.mp3", "track.mp3", "track.mp3"},
+      {"/tags_empty_title.mp3", "track.mp3", "track.mp3"},  // an empty title frame reads as none
       {"/missing.mp3", "gone.mp3", "gone.mp3"},
-      {"/tags_title_artist.mp3", "a.FLAC", "Band - Song.flac"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.file);
