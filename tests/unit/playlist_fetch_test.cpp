@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
 #include <thread>
 
 #include "module/platform/PlaylistFetcher.h"
@@ -18,20 +17,19 @@ using shelfkit::PlaylistSegment;
 namespace {
 
 // Everything a reader gives until its end, in reads of an odd size; none when a read fails.
-std::optional<std::string> readAll(const std::function<int64_t(int64_t at, uint8_t*, size_t)>& read) {
+template <class Reader>
+std::optional<std::string> readAll(Reader& reader) {
   std::string out;
   uint8_t buffer[7000];  // not a divisor of anything served here
-  for (int64_t n; (n = read(static_cast<int64_t>(out.size()), buffer, sizeof buffer)) != 0;) {
-    if (n < 0) return std::nullopt;
+  while (true) {
+    int64_t n;
+    if constexpr (std::is_same_v<Reader, shelfkit::BufferedFetch>)
+      n = reader.readAt(static_cast<int64_t>(out.size()), buffer, sizeof buffer);
+    else
+      n = reader.read(buffer, sizeof buffer);
+    if (n <= 0) return n == 0 ? std::optional(out) : std::nullopt;
     out.append(reinterpret_cast<char*>(buffer), static_cast<size_t>(n));
   }
-  return out;
-}
-std::optional<std::string> readAll(platform::PlaylistInput& input) {
-  return readAll([&](int64_t, uint8_t* buffer, size_t n) { return input.read(buffer, n); });
-}
-std::optional<std::string> readAll(shelfkit::BufferedFetch& fetch) {
-  return readAll([&](int64_t at, uint8_t* buffer, size_t n) { return fetch.readAt(at, buffer, n); });
 }
 
 TEST(MediaPlaylist, SegmentsAsTheDemuxerWillAskForThem) {
@@ -61,6 +59,13 @@ TEST(MediaPlaylist, SegmentsAsTheDemuxerWillAskForThem) {
   }
 }
 
+// A media playlist of ten 10000-byte ranges of one file.
+std::string byteRangePlaylist() {
+  std::string text = "#EXTM3U\n#EXT-X-TARGETDURATION:1\n";
+  for (int i = 0; i < 10; ++i) text += "#EXTINF:1,\n#EXT-X-BYTERANGE:10000@" + std::to_string(i * 10000) + "\nall.bin\n";
+  return text + "#EXT-X-ENDLIST\n";
+}
+
 class PlaylistFetchTest : public ::testing::Test {
  protected:
   std::shared_ptr<shelfkit::BufferedFetch> fetch(const std::string& path, int64_t offset, std::optional<int64_t> end,
@@ -77,6 +82,7 @@ class PlaylistFetchTest : public ::testing::Test {
   }
   // A fetcher that has read the byte-range playlist, so it knows its segments.
   std::shared_ptr<platform::PlaylistFetcher> fetcherWithList() {
+    server_.setRoute("/p/list.m3u8", {.body = byteRangePlaylist(), .mimeType = "application/vnd.apple.mpegurl"});
     auto f = fetcher();
     auto list = f->open(server_.url("/p/list.m3u8"), 0, std::nullopt);
     EXPECT_TRUE(list && readAll(*list));
@@ -139,15 +145,7 @@ TEST_F(PlaylistFetchTest, MemoryBeyondTheBudgetSpillsToAFileAndComesBackWhole) {
   EXPECT_TRUE(std::filesystem::is_empty(spill())) << "spill files are never left behind";
 }
 
-// A media playlist of ten 10000-byte ranges of one file.
-std::string byteRangePlaylist() {
-  std::string text = "#EXTM3U\n#EXT-X-TARGETDURATION:1\n";
-  for (int i = 0; i < 10; ++i) text += "#EXTINF:1,\n#EXT-X-BYTERANGE:10000@" + std::to_string(i * 10000) + "\nall.bin\n";
-  return text + "#EXT-X-ENDLIST\n";
-}
-
 TEST_F(PlaylistFetchTest, PrefetchesTheNextSegmentsInOneRequestOnlyOnceSwitchedOn) {
-  server_.setRoute("/p/list.m3u8", {.body = byteRangePlaylist(), .mimeType = "application/vnd.apple.mpegurl"});
   server_.setRoute("/p/all.bin", {.size = 100000});
   for (bool prefetching : {false, true}) {
     SCOPED_TRACE(prefetching ? "prefetching" : "not prefetching");
@@ -180,7 +178,6 @@ TEST_F(PlaylistFetchTest, PrefetchesTheNextSegmentsInOneRequestOnlyOnceSwitchedO
 }
 
 TEST_F(PlaylistFetchTest, FailuresAndRefusals) {
-  server_.setRoute("/p/list.m3u8", {.body = byteRangePlaylist()});
   server_.setRoute("/p/all.bin", {.size = 100000, .status = 500});
   auto f = fetcherWithList();
   EXPECT_FALSE(f->open(server_.url("/missing.m3u8"), 0, std::nullopt));
@@ -198,7 +195,6 @@ TEST_F(PlaylistFetchTest, FailuresAndRefusals) {
 }
 
 TEST_F(PlaylistFetchTest, CancelEndsWaitingReadsAndPrefetches) {
-  server_.setRoute("/p/list.m3u8", {.body = byteRangePlaylist()});
   server_.setRoute("/p/all.bin", {.size = 100000, .stallAtByte = 5000});
   auto f = fetcherWithList();
   f->startPrefetching();

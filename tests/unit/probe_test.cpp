@@ -32,19 +32,16 @@ class ProbeTest : public ::testing::Test {
     std::optional<std::string> error;
   };
 
-  Outcome probe(const std::string& path, std::optional<Loader::MIMETypes> permitted = std::nullopt) {
-    auto record = DFDownloadOperation::initWithURL(*platform::URL::URLWithString(server_.url(path)));
+  // Probes the URL (a path on the test server unless absolute) and checks the one report came on the main thread.
+  Outcome probe(const std::string& url, std::optional<Loader::MIMETypes> permitted = std::nullopt) {
+    auto record = DFDownloadOperation::initWithURL(
+        *platform::URL::URLWithString(url.starts_with("http") ? url : server_.url(url)));
     auto delegate = std::make_shared<ProbeDelegate>();
     auto loader = Loader::initWithDownloadOperation(record, permitted, delegate);
     EXPECT_TRUE(host_.runUntil([&] { return delegate->calls > 0; }));
     host_.loop().runFor(50ms);
     EXPECT_EQ(delegate->calls, 1);
     EXPECT_TRUE(delegate->onMain);
-    auto probe = server_.requests(path.substr(0, path.find('?')));
-    EXPECT_FALSE(probe.empty());
-    if (!probe.empty()) {
-      EXPECT_EQ(probe[0].header("Range"), "bytes=1-1");
-    }
     return {record, delegate->result};
   }
 
@@ -52,107 +49,70 @@ class ProbeTest : public ::testing::Test {
   TestHttpServer server_;
 };
 
-TEST_F(ProbeTest, SizeAndRangeSupportFromTheAnswerWithoutReadingTheBody) {
+// One probe per case. Which Content-Range values give a size and what each source of a name gives is
+// FilenameRules.*; here, the one-byte request, the order of the sources, the refusals and what reaches the record.
+TEST_F(ProbeTest, SizeNameAndRefusalsFromTheAnswerWithoutReadingTheBody) {
+  const std::string media = "Downloading of media content is prohibited", invalid = "Invalid mime-type";
+  const auto disposition = [](const char* value) {
+    return std::vector<std::pair<std::string, std::string>>{{"Content-Disposition", value}};
+  };
   const struct {
-    const char* name;
-    Behaviour behaviour;
-    int64_t size;
-    bool partial;
-  } cases[] = {
-      {"206 bytes 1-1/5000", {.size = 5000}, 5000, true},
-      {"one-byte file served whole", {.size = 1, .honourRange = false}, 0, false},
-      {"unknown total", {.size = 5000, .contentRange = "bytes 1-1/*"}, 0, false},
-      {"wrong range in the answer", {.size = 5000, .contentRange = "bytes 0-0/5000"}, 0, false},
-      {"range ignored", {.size = 64 << 20, .honourRange = false}, 0, false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::string path = "/f" + std::to_string(&c - cases) + "/archive.zip";
-    server_.setRoute(path, c.behaviour);
-    auto [record, error] = probe(path);
-    EXPECT_EQ(error, std::nullopt);
-    EXPECT_EQ(record->size(), c.size);
-    EXPECT_EQ(record->partialDownloading(), c.partial);
-    EXPECT_EQ(record->filename(), "archive.zip");
-    EXPECT_EQ(record->outputFilename(), "archive.zip");
-    host_.loop().runFor(200ms);
-    // What the server could push before the connection closed is bounded by socket buffers.
-    EXPECT_LT(server_.bodyBytesSent(path), 8 << 20);
-  }
-}
-
-TEST_F(ProbeTest, PermittedTypesAreMatchedExactly) {
-  struct Case {
-    const char* name;
-    std::string sent;
-    std::optional<Loader::MIMETypes> permitted;
-    bool accepted;
-  } cases[] = {
-      {"missing type refused", "", Loader::MIMETypes{"text/html"}, false},
-      {"different case refused", "text/HTML", Loader::MIMETypes{"text/html"}, false},
-      {"exact match accepted", "text/html", Loader::MIMETypes{"text/html", "application/pdf"}, true},
-      {"no prefix matching", "text/html", Loader::MIMETypes{"text/"}, false},
-      {"empty set accepts anything", "", Loader::MIMETypes{}, true},
-      {"no set accepts anything", "x/y", std::nullopt, true},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    LogCapture log;
-    std::string path = "/t" + std::to_string(&c - cases) + "/page.html";
-    server_.setRoute(path, {.size = 100, .mimeType = c.sent});
-    auto [record, error] = probe(path, c.permitted);
-    if (c.accepted) {
-      EXPECT_EQ(error, std::nullopt);
-      EXPECT_EQ(record->filename(), "page.html");
-    } else {
-      EXPECT_EQ(error, "Invalid mime-type");
-      EXPECT_EQ(log.lines, std::vector<std::string>{"Invalid mime-type:" + c.sent});
-      EXPECT_EQ(record->filename(), std::nullopt);
-    }
-  }
-}
-
-TEST_F(ProbeTest, NameOrderAndMediaRefusal) {
-  struct Case {
     const char* name;
     std::string path;
     Behaviour behaviour;
-    std::optional<std::string> error;
-    std::optional<std::string> filename;
+    std::optional<std::string> filename;  // none: refused with `error`
+    int64_t size = 0;
+    std::optional<std::string> error = std::nullopt;
+    std::optional<Loader::MIMETypes> permitted = std::nullopt;
   } cases[] = {
-      {"disposition first", "/d/file.bin",
-       {.size = 10, .extraHeaders = {{"Content-Disposition", "attachment; filename=\"report.pdf\""}}}, std::nullopt,
-       "report.pdf"},
-      {"path next", "/d/notes.txt", {.size = 10}, std::nullopt, "notes.txt"},
+      {"206 bytes 1-1/5000", "/a.zip", {.size = 5000}, "a.zip", 5000},
+      {"one-byte file served whole", "/b.zip", {.size = 1, .honourRange = false}, "b.zip"},
+      // The server pushes what the socket buffers take, never the whole body.
+      {"range ignored", "/c.zip", {.size = 64 << 20, .honourRange = false}, "c.zip"},
+      {"a redirect chain: named after the final URL", "/short", {.redirectTo = "/hop"}, "final.zip", 5000},
+      {"disposition first", "/d/file.bin", {.size = 10, .extraHeaders = disposition("attachment; filename=r.pdf")},
+       "r.pdf", 10},
+      {"path before the MIME type", "/d/notes.txt", {.size = 10, .mimeType = "application/pdf"}, "notes.txt", 10},
       {"script path falls to the MIME type", "/d/get.php", {.size = 10, .mimeType = "application/pdf"},
-       std::nullopt, "Unknown.pdf"},
-      {"then the suggested name", "/d/get.php", {.size = 10, .mimeType = "x-unknown/none"}, std::nullopt,
-       "get.php"},
-      {"upper-case media extension refused", "/d/clip.MP4", {.size = 10},
-       "Downloading of media content is prohibited", std::nullopt},
+       "Unknown.pdf", 10},
+      {"then the suggested name", "/d/get.php", {.size = 10, .mimeType = "x-unknown/none"}, "get.php", 10},
+      {"upper-case media extension refused", "/d/clip.MP4", {.size = 10}, std::nullopt, 0, media},
       {"media extension in the disposition refused", "/d/x",
-       {.size = 10, .extraHeaders = {{"Content-Disposition", "attachment; filename=song.mp3"}}},
-       "Downloading of media content is prohibited", std::nullopt},
-      {"a media word inside the name is fine", "/d/clip.mp4.txt", {.size = 10}, std::nullopt, "clip.mp4.txt"},
-      // The generic binary type gives no name, so the suggested name decides; no extension is never media.
-      {"octet-stream without a name", "/download", {.size = 10}, std::nullopt, "download"},
-      {"octet-stream from a script", "/download.php", {.size = 10}, std::nullopt, "download.php"},
-      {"an empty disposition name falls to the path", "/e/notes.txt",
-       {.size = 10, .extraHeaders = {{"Content-Disposition", "attachment; filename="}}}, std::nullopt, "notes.txt"},
+       {.size = 10, .extraHeaders = disposition("attachment; filename=song.mp3")}, std::nullopt, 0, media},
+      {"a media word inside the name is fine", "/d/clip.mp4.txt", {.size = 10}, "clip.mp4.txt", 10},
       // An error page is a file like any other once its type is permitted.
-      {"an error page", "/gone/page", {.body = "<html>not found</html>", .status = 404, .mimeType = "text/html"},
-       std::nullopt, "Unknown.html"},
+      {"an error page", "/gone/page", {.body = "<html>gone</html>", .status = 404, .mimeType = "text/html"},
+       "Unknown.html", 17},
+      {"missing type refused", "/t/page.html", {.size = 100, .mimeType = ""}, std::nullopt, 0, invalid,
+       Loader::MIMETypes{"text/html"}},
+      {"different case refused", "/t/page.html", {.size = 100, .mimeType = "text/HTML"}, std::nullopt, 0, invalid,
+       Loader::MIMETypes{"text/html"}},
+      {"exact type accepted", "/t/page.html", {.size = 100, .mimeType = "text/html"}, "page.html", 100,
+       std::nullopt, Loader::MIMETypes{"text/html", "application/pdf"}},
+      {"no prefix matching", "/t/page.html", {.size = 100, .mimeType = "text/html"}, std::nullopt, 0, invalid,
+       Loader::MIMETypes{"text/"}},
+      {"an empty set accepts anything", "/t/page.html", {.size = 100, .mimeType = ""}, "page.html", 100,
+       std::nullopt, Loader::MIMETypes{}},
   };
+  server_.setRoute("/hop", {.redirectTo = "/files/final.zip", .redirectStatus = 301});
+  server_.setRoute("/files/final.zip", {.size = 5000});
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    std::string path = c.path + "?case=" + std::to_string(&c - cases);
+    LogCapture log;
+    const size_t mark = server_.requests(c.path).size();
     server_.setRoute(c.path, c.behaviour);
-    auto [record, error] = probe(path);
+    auto [record, error] = probe(c.path, c.permitted);
     EXPECT_EQ(error, c.error);
+    EXPECT_EQ(server_.requests(c.path).at(mark).header("Range"), "bytes=1-1");
     EXPECT_EQ(record->filename(), c.filename);
-    if (c.error) {
-      EXPECT_EQ(record->size(), 0) << "a refused record is left unchanged";
+    EXPECT_EQ(record->outputFilename(), c.filename);
+    EXPECT_EQ(record->size(), c.size) << "a refused record is left unchanged";
+    EXPECT_EQ(record->partialDownloading(), c.size != 0);
+    if (c.error == invalid) {
+      EXPECT_EQ(log.lines, std::vector<std::string>{invalid + ":" + c.behaviour.mimeType});
     }
+    host_.loop().runFor(100ms);
+    EXPECT_LT(server_.bodyBytesSent(c.path), 8 << 20);
   }
 }
 
@@ -182,29 +142,14 @@ TEST_F(ProbeTest, CancelAfterTheHeadStillCompletesTheNaming) {
   EXPECT_EQ(record->size(), 5000);
 }
 
-TEST_F(ProbeTest, RedirectChainNamesTheFileAfterTheFinalURL) {
-  server_.setRoute("/short", {.redirectTo = "/hop"});
-  server_.setRoute("/hop", {.redirectTo = "/files/final.zip", .redirectStatus = 301});
-  server_.setRoute("/files/final.zip", {.size = 5000});
-  auto [record, error] = probe("/short");
-  EXPECT_EQ(error, std::nullopt);
-  EXPECT_EQ(record->filename(), "final.zip");
-  EXPECT_EQ(record->size(), 5000);
-}
-
 TEST_F(ProbeTest, RefusedConnectionReportsThePlatformDescription) {
-  int port;
+  std::string gone;
   {
-    TestHttpServer gone;
-    port = gone.port();
+    TestHttpServer closed;
+    gone = closed.url("/x.zip");
   }
   LogCapture log;
-  auto record = DFDownloadOperation::initWithURL(
-      *platform::URL::URLWithString("http://127.0.0.1:" + std::to_string(port) + "/x.zip"));
-  auto delegate = std::make_shared<ProbeDelegate>();
-  auto loader = Loader::initWithDownloadOperation(record, std::nullopt, delegate);
-  ASSERT_TRUE(host_.runUntil([&] { return delegate->calls > 0; }));
-  EXPECT_EQ(delegate->result, "Could not connect to the server.");
+  EXPECT_EQ(probe(gone).error, "Could not connect to the server.");
   EXPECT_EQ(log.lines, std::vector<std::string>{"Could not connect to the server."});
 }
 

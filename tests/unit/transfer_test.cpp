@@ -78,7 +78,6 @@ TEST_F(TransferTest, RequestsTheRangesLeftAfterTheFileOnDiskAndEndsWithTheSource
       {"at the small limit", true, 102400, -1, 0, {"bytes=0-102399"}},
       {"tenths", true, 1000000, -1, 0, chunks(0, 1000000, 100000)},
       {"capped at 1 MiB", true, 20000000, -1, 0, chunks(0, 20000000, 1048576)},
-      {"tenths of 5,000,000", true, 5000000, -1, 0, chunks(0, 5000000, 500000)},
       {"resumed: the remainder", true, 1000000, 950000, 950000, {"bytes=950000-999999"}},
       // The file on disk and the saved position are reconciled before resuming.
       {"bytes after the last save are dropped", true, 1000000, 450000, 300000, chunks(300000, 1000000, 100000)},
@@ -105,10 +104,10 @@ TEST_F(TransferTest, RequestsTheRangesLeftAfterTheFileOnDiskAndEndsWithTheSource
     // Ranges read ahead travel on further connections, so they may arrive in
     // another order; each is asked for once, and connections are reused.
     auto requested = ranges(path);
-    std::sort(requested.begin(), requested.end(), [](const std::string& a, const std::string& b) {
-      return std::stoll(a.substr(6)) < std::stoll(b.substr(6));
-    });
+    std::ranges::sort(requested, {}, [](const std::string& range) { return std::stoll(range.substr(6)); });
     EXPECT_EQ(requested, c.expected);
+    // Every byte is sent once: nothing read ahead is fetched twice or thrown away.
+    EXPECT_EQ(server_.bodyBytesSent(path), c.size - std::stoll(c.expected[0].substr(6)));
     std::set<int> connections;
     for (auto& request : server_.requests(path)) connections.insert(request.connection);
     EXPECT_LE(connections.size(), 1 + shelfkit::CurlURLSession::kMaxReadAheadDepth);
@@ -131,7 +130,6 @@ TEST_F(TransferTest, BadChunkAnswersFailWithoutAppendingUnlessReadAheadMetThem) 
       {"200 with the whole file", {.size = 1000000, .honourRange = false}, false},
       {"206 without Content-Range", {.size = 1000000, .omitContentRange = true}, false},
       {"another range named", {.size = 1000000, .contentRange = "bytes 100000-199999/1000000"}, false},
-      {"malformed Content-Range", {.size = 1000000, .contentRange = "bytes  0-99999/1000000"}, false},
       {"right range, short body", {.size = 1000000, .bodyDelta = -10}, false},
       {"right range, long body", {.size = 1000000, .bodyDelta = 10}, false},
       {"read ahead: the connection drops inside it", {.size = 1000000, .dropAfterBytes = 50000}, true},
@@ -167,7 +165,8 @@ TEST_F(TransferTest, BadChunkAnswersFailWithoutAppendingUnlessReadAheadMetThem) 
   }
 }
 
-TEST_F(TransferTest, LostAndRefusedConnectionsReportThePlatformDescription) {
+// The engine's descriptions of other failures are shown by ProbeTest.RefusedConnectionReportsThePlatformDescription.
+TEST_F(TransferTest, ALostConnectionReportsThePlatformDescription) {
   server_.setHandler("/drop", [](const RecordedRequest& request, int) {
     Behaviour b{.size = 1000000};
     if (request.header("Range") == "bytes=200000-299999") b.dropAfterBytes = 5000;  // the third chunk breaks off
@@ -178,14 +177,6 @@ TEST_F(TransferTest, LostAndRefusedConnectionsReportThePlatformDescription) {
   EXPECT_EQ(probe_->lastError, "The network connection was lost.");
   EXPECT_EQ(r->position(), 200000) << "the complete chunks are kept";
   EXPECT_EQ(fs::file_size(tmpPath(r)), 200000u);
-
-  std::string gone;
-  {
-    TestHttpServer closed;
-    gone = closed.url("/x");
-  }
-  ASSERT_TRUE(run(DFDownloadOperation::initWithURL(*platform::URL::URLWithString(gone))));
-  EXPECT_EQ(probe_->lastError, "Could not connect to the server.");
 }
 
 TEST_F(TransferTest, CancelMidChunkIsSilentAndANewLoaderResumesThere) {
@@ -264,15 +255,10 @@ TEST_F(TransferTest, OnlyAnExactAnswerIsWrittenInPlaceAnyOtherComesInAFileOfItsO
     ASSERT_TRUE(host_.runUntil([&] { return delivery->done.load(); }, 10s));
     session->invalidateAndCancel();
     queue->waitUntilAllOperationsAreFinished();
-    if (c.inPlace) {
-      EXPECT_EQ(delivery->location, destination);
-      EXPECT_EQ(delivery->received, 100);
-      EXPECT_TRUE(readFile(destination) == before.substr(0, 100) + TestHttpServer::pattern(100, 100));
-    } else {
-      EXPECT_NE(delivery->location, destination);
-      EXPECT_EQ(delivery->received, static_cast<int64_t>(delivery->body.size()));
-      EXPECT_TRUE(readFile(destination) == before) << "the destination is left alone";
-    }
+    EXPECT_EQ(delivery->location == destination, c.inPlace);
+    EXPECT_EQ(delivery->received, c.inPlace ? 100 : static_cast<int64_t>(delivery->body.size()));
+    const std::string after = c.inPlace ? before.substr(0, 100) + TestHttpServer::pattern(100, 100) : before;
+    EXPECT_TRUE(readFile(destination) == after) << "only an exact answer touches the destination";
   }
 }
 
@@ -354,7 +340,6 @@ TEST(ContentRange, ParsesFourPiecesOnly) {
     Parsed expected;
   } cases[] = {
       {"bytes 1-1/5000", Parsed({1, 1, 5000})},
-      {"bytes 0-0/5000", Parsed({0, 0, 5000})},
       {"bytes 100-199/*", Parsed({100, 199, 0})},
       {"bytes 1-1/99999999999999999999", Parsed({1, 1, INT64_MAX})},
       {"bytes x-y/z", Parsed({0, 0, 0})},
