@@ -13,18 +13,18 @@ const summary = (page) => page.locator('#summary').evaluate((e) => (e.hidden ? n
 describe('what the queue is doing', { timeout: 6 * 60_000 }, () => {
   const h = useHost({ files: {
     // About 320 KB/s for 3 MB: some ten seconds, a report about every second.
-    'slow.dat': { body: randomBytes(3_000_000), throttle: { bytes: 32_768, everyMs: 100 } },
+    'slow.dat': { body: randomBytes(3_000_000), rate: 320 * 1024 },
     'failing.dat': { body: randomBytes(50_000), failWith: 503 },
   } });
   // Adds `name` and opens the queue.
   const add = async (t, name) => {
     const added = await api(h.shelf.url, 'POST', '/api/downloads', { url: h.files.url(name) });
     assert.equal(added.status, 201);
-    return [await openPage(t, h.shelf.url, { menu: 'Downloads' }), added.body.download.uniqueId];
+    return openPage(t, h.shelf.url, { menu: 'Downloads' });
   };
 
   test('a running download shows its speed and time left; nothing is left once it is done', async (t) => {
-    const [page] = await add(t, 'slow.dat');
+    const page = await add(t, 'slow.dat');
     // The user allowed notifications; they are recorded rather than shown.
     await page.evaluate(() => {
       window.notes = [];
@@ -50,9 +50,8 @@ describe('what the queue is doing', { timeout: 6 * 60_000 }, () => {
     await shot(page, 'downloads-finished');
   });
 
-  test('a failing download says why and counts down to its next try', async (t) => {
-    const [page, id] = await add(t, 'failing.dat');
-    t.after(() => api(h.shelf.url, 'DELETE', `/api/downloads/${id}`));
+  test('a failing download says why and counts down; while downloads are not permitted a banner says so', async (t) => {
+    const page = await add(t, 'failing.dat');
     const waiting = /^Last try failed: .+ · next try in (\d+) s$/;
     const first = await eventually(() => describeRow(page, 0), (v) => assert.match(v.description ?? '', waiting), LONG);
     const [item] = await queue(h.shelf.url);
@@ -62,14 +61,10 @@ describe('what the queue is doing', { timeout: 6 * 60_000 }, () => {
     await eventually(() => describeRow(page, 0), (v) => {
       assert.ok(secondsLeft(v) < secondsLeft(first), `${v.description} after ${first.description}`);
     });
-  });
 
-  test('while downloads are not permitted a banner says so and leads to Settings', async (t) => {
-    const page = await openPage(t, h.shelf.url, { menu: 'Downloads' });
     const banner = page.locator('#paused');
     assert.equal(await banner.isVisible(), false);
     assert.equal((await api(h.shelf.url, 'PUT', '/api/settings', { downloadsPermitted: false })).status, 200);
-    t.after(() => api(h.shelf.url, 'PUT', '/api/settings', { downloadsPermitted: true }));
     await banner.waitFor();
     await shot(page, 'downloads-paused');
     assert.match(await banner.textContent(), /Downloads are paused\s+Downloads are not permitted in Settings\./);

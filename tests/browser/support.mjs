@@ -1,14 +1,14 @@
-// What the browser tests share: a real `shelf serve` on loopback, a small file
-// server in this process, the browser, and ways to read and drive the page.
+// What the browser tests share: a real `shelf serve` on loopback, a file server
+// in this process, the browser, and ways to read and drive the page.
 import { before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
-import http from 'node:http';
 import { mkdtemp, mkdir, readFile, rm } from 'node:fs/promises';
 import os from 'node:os';
 import path from 'node:path';
 import { createRequire } from 'node:module';
 import { chromium } from 'playwright-core';
+import { startFileServer } from '../support/file_server.mjs';
 
 export const SHELF = process.env.SHELF_BINARY || new URL('../../build-dev/shelf/shelf', import.meta.url).pathname;
 export const ARTIFACTS = process.env.SHELF_ARTIFACTS_DIR || '/tmp/shelf-artifacts';
@@ -28,7 +28,7 @@ after(() => browser?.close());
 // --- Processes and servers --------------------------------------------------
 
 // A describe group's host: a root of its own, a file server for `files` (name → what
-// startFileServer takes) and `shelf serve` with `args`; `ready(h)` runs once they are
+// tests/support/file_server.mjs serves at /name) and `shelf serve` with `args`; `ready(h)` runs once they are
 // up. Everything is ended by the group's after hook, last first; `h.defer` adds to it.
 export function useHost({ files, args = [], ready } = {}) {
   const fns = [];
@@ -46,7 +46,7 @@ export function useHost({ files, args = [], ready } = {}) {
     h.docs = path.join(h.root, 'Documents');
     h.defer(() => rm(h.root, { recursive: true, force: true }));
     if (files) {
-      h.files = await startFileServer(files);
+      h.files = await startFileServer((p) => files[p.slice(1)]);
       h.defer(() => h.files.close());
     }
     await h.start();
@@ -63,23 +63,18 @@ export function useHost({ files, args = [], ready } = {}) {
   return h;
 }
 
-// `timeout` ends shelf even if this process dies, and passes our SIGTERM on to it.
+// `timeout` ends shelf even if this process dies, passes our SIGTERM on to it, and
+// kills it should it not have stopped 15 s later.
 async function startShelf(root, args, port) {
   const env = { ...process.env, LANG: 'C.UTF-8', LC_ALL: 'C.UTF-8', LANGUAGE: '' };
-  const child = spawn('timeout', ['900', SHELF, 'serve', '--root', root, '--port', String(port), ...args],
+  const child = spawn('timeout', ['-k', '15', '900', SHELF, 'serve', '--root', root, '--port', String(port), ...args],
     { env, stdio: ['ignore', 'pipe', 'pipe'] });
   let out = '';
   child.stdout.on('data', (d) => { out += d; });
   child.stderr.on('data', (d) => { out += d; });
   const exited = new Promise((r) => child.once('exit', r));
   const stop = async () => {
-    if (child.exitCode !== null || child.signalCode !== null) return;
-    child.kill('SIGTERM');
-    if (await Promise.race([exited.then(() => true), sleep(15_000)])) return;
-    // Stuck: end shelf itself (its pid is in the root), then the wrapper.
-    const info = JSON.parse(await readFile(path.join(root, 'Library', 'Server.json'), 'utf8').catch(() => '{}'));
-    if (info.pid) process.kill(info.pid, 'SIGKILL');
-    child.kill('SIGKILL');
+    if (child.exitCode === null && child.signalCode === null) child.kill('SIGTERM');
     await exited;
   };
   for (const end = Date.now() + 60_000; ; await sleep(50)) {
@@ -90,51 +85,6 @@ async function startShelf(root, args, port) {
       throw new Error(`shelf did not start:\n${out}`);
     }
   }
-}
-
-// files: name → {body, type, disposition, probeDelayMs, throttle: {bytes, everyMs}, failWith}.
-// failWith: every request but the probe is answered with this status.
-// Honours "Range: bytes=a-b" with 206 + Content-Range; the module probes with bytes=1-1.
-async function startFileServer(files) {
-  const sockets = new Set(), timers = new Set();
-  const server = http.createServer((req, res) => {
-    const f = files[decodeURIComponent(new URL(req.url, 'http://x').pathname.slice(1))];
-    if (!f) return res.writeHead(404).end();
-    const total = f.body.length;
-    const range = /^bytes=(\d+)-(\d*)$/.exec(req.headers.range ?? '');
-    const [start, end] = range ? [Number(range[1]), Math.min(Number(range[2] || total - 1), total - 1)] : [0, total - 1];
-    if (range && start > end) return res.writeHead(416, { 'content-range': `bytes */${total}` }).end();
-    const probe = start === 1 && end === 1;
-    if (f.failWith && !probe) return res.writeHead(f.failWith).end();
-    const headers = { 'content-type': f.type ?? 'application/octet-stream', 'content-length': end - start + 1 };
-    if (range) headers['content-range'] = `bytes ${start}-${end}/${total}`;
-    if (f.disposition) headers['content-disposition'] = f.disposition;
-    const body = f.body.subarray(start, end + 1);
-    const send = () => {
-      res.writeHead(range ? 206 : 200, headers);
-      if (probe || !f.throttle) return res.end(body);
-      let at = 0;
-      const timer = setInterval(() => {
-        if (res.destroyed || at >= body.length) return clearInterval(timer);
-        res.write(body.subarray(at, at += f.throttle.bytes));
-        if (at >= body.length) res.end();
-      }, f.throttle.everyMs);
-      timers.add(timer);
-    };
-    if (probe && f.probeDelayMs) timers.add(setTimeout(send, f.probeDelayMs));
-    else send();
-  });
-  server.on('connection', (s) => { sockets.add(s); s.on('close', () => sockets.delete(s)); });
-  await new Promise((r) => server.listen(0, '127.0.0.1', r));
-  const base = `http://127.0.0.1:${server.address().port}/`;
-  return {
-    url: (name) => base + encodeURIComponent(name),
-    close: () => {
-      for (const t of timers) clearInterval(t);
-      for (const s of sockets) s.destroy();
-      return new Promise((r) => server.close(r));
-    },
-  };
 }
 
 // A request to the host, sent as JSON (the only way it takes changes) unless `type` says
@@ -167,19 +117,19 @@ export const PHONE = { width: 390, height: 844 };
 
 // A page in a browser context of its own, closed by `owner` (a test, or a cleanup
 // function) with a check that no script failed. `menu`: the screen to open first;
-// `socket(route)`: plays the host's side of /ws instead of the host (console errors
+// `script(page)`: routes the page to a scripted host instead of shelf (console errors
 // count then too); other options go to the context (viewport, colorScheme, ...).
-export async function openPage(owner, url, { menu, socket, viewport = { width: 1100, height: 760 }, ...options } = {}) {
+export async function openPage(owner, url, { menu, script, viewport = { width: 1100, height: 760 }, ...options } = {}) {
   const context = await browser.newContext({ viewport, ...options });
   const page = await context.newPage();
   const errors = [];
   page.on('pageerror', (e) => errors.push(e.message));
-  if (socket) page.on('console', (m) => m.type() === 'error' && errors.push(m.text()));
+  if (script) page.on('console', (m) => m.type() === 'error' && errors.push(m.text()));
   (owner.after?.bind(owner) ?? owner)(async () => {
     await context.close();
     assert.deepEqual(errors, [], 'no script errors');
   });
-  if (socket) await page.routeWebSocket('**/ws', socket);
+  await script?.(page);
   await page.goto(url);
   await page.waitForSelector('#menu .menu-item');
   if (menu) await openMenu(page, menu);
@@ -228,8 +178,9 @@ export const shot = (page, name) => page.screenshot({ path: path.join(ARTIFACTS,
 
 export async function enterUrl(page, text) {
   await tool(page, 'Enter URL');
-  await page.waitForSelector('#dialog[open] .dialog-input');
-  await page.fill('#dialog .dialog-input', text);
+  const box = page.getByRole('dialog').getByRole('textbox');
+  assert.equal(await box.getAttribute('enterkeyhint'), 'done', "a phone's return key says so");
+  await box.fill(text);
   await page.click('#dialog .dialog-ok');
 }
 
