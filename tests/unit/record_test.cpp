@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <set>
 
 #include "module/core/DFDownloadOperation.h"
 
@@ -18,17 +19,7 @@ Fields fields(const DFDownloadOperation& r) {
           r.filename(), r.outputFilename(), r.active(), r.partialDownloading()};
 }
 
-TEST(DownloadOperation, FreshRecordHasItsOwnCanonicalUUIDAndNothingElseSet) {
-  auto a = DFDownloadOperation::initWithURL(url("http://example.com/a.zip"));
-  auto b = DFDownloadOperation::initWithURL(url("http://example.com/a.zip"));
-  EXPECT_NE(a->uniqueId(), b->uniqueId());
-  EXPECT_TRUE(std::regex_match(a->uniqueId(), std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}")))
-      << a->uniqueId();
-  EXPECT_EQ(a->url().absoluteString(), "http://example.com/a.zip");
-  EXPECT_EQ(fields(*a), Fields{});
-  EXPECT_FALSE(a->retryDate());
-}
-
+// Each case starts from a fresh record: its own canonical UUID and nothing else set.
 TEST(DownloadOperation, RoundTripWritesTheNineKeysInOrderKeepsArchivedFieldsAndResetsTheOthers) {
   const std::vector<std::string> keys = {"url",  "uniqueId", "position", "priority", "filename", "outputFilename",
                                          "size", "active",   "partialDownloading"};
@@ -39,9 +30,15 @@ TEST(DownloadOperation, RoundTripWritesTheNineKeysInOrderKeepsArchivedFieldsAndR
       {"unknown size", {4096, 8192, 0, 1, "stream.m3u8", "stream.mov", true, false}},
       {"large values", {INT64_MAX - 1, INT64_MAX, INT64_MAX, -5, "ü ñ.txt", "名前.txt", false, true}},
   };
+  std::set<std::string> ids;
+  const std::regex canonical("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
   for (const auto& [name, set] : cases) {
     SCOPED_TRACE(name);
     auto record = DFDownloadOperation::initWithURL(url("http://host.test/p?q=1"));
+    EXPECT_TRUE(ids.insert(record->uniqueId()).second) << "the same URL, another id";
+    EXPECT_TRUE(std::regex_match(record->uniqueId(), canonical)) << record->uniqueId();
+    EXPECT_EQ(fields(*record), Fields{});
+    EXPECT_FALSE(record->retryDate());
     const auto& [position, actualPosition, size, priority, filename, outputFilename, active, partial] = set;
     record->setPosition(position);
     record->setActualPosition(actualPosition);
@@ -63,7 +60,7 @@ TEST(DownloadOperation, RoundTripWritesTheNineKeysInOrderKeepsArchivedFieldsAndR
     auto back = DFDownloadOperation::initWithCoder(coder);
     ASSERT_TRUE(back);
     EXPECT_NE(back, record);
-    EXPECT_EQ(back->url(), record->url());
+    EXPECT_EQ(back->url().absoluteString(), "http://host.test/p?q=1");
     EXPECT_EQ(back->uniqueId(), record->uniqueId());
     Fields expected = set;
     std::get<1>(expected) = position;  // bytes in flight are forgotten
