@@ -33,17 +33,6 @@ struct ChangedObserver : DFDownloadManagerDelegate {
   }
 };
 
-TEST_F(ManagerTest, EmptyStartHasNoQueueNoTransfersARunningTimerAndTheDefaultSettings) {
-  auto manager = DFDownloadManager::init();
-  EXPECT_TRUE(manager->downloadOperations().empty());
-  EXPECT_FALSE(manager->downloadsInProgress());
-  EXPECT_TRUE(manager->retryTimerRunning());
-  EXPECT_TRUE(fs::exists(host_.layout().databasesDirectory() + "/DFDownloadManager.sqlite"));
-  EXPECT_EQ(manager->maxActiveDownloadCount(), 3);
-  EXPECT_TRUE(manager->useCellularData());
-  EXPECT_TRUE(manager->downloadsPermitted());
-}
-
 TEST_F(ManagerTest, SavedRecordsComeBackInPriorityOrderAndAnUpdateIsSavedAndToldToTheObservers) {
   store("two", 2);
   store("zero", 0);
@@ -88,8 +77,15 @@ TEST_F(ManagerTest, SavedRecordsComeBackInPriorityOrderAndAnUpdateIsSavedAndTold
   EXPECT_EQ(DFDownloadManager::init()->downloadOperations().front()->position(), 4096);
 }
 
-TEST_F(ManagerTest, SettersWriteToDiskAtOnceAndStoredValuesAreUsedAsTheyAre) {
+TEST_F(ManagerTest, AnEmptyStartHasTheDefaultsAndSettersWriteToDiskAtOnce) {
   auto manager = DFDownloadManager::init();
+  EXPECT_TRUE(manager->downloadOperations().empty());
+  EXPECT_FALSE(manager->downloadsInProgress());
+  EXPECT_TRUE(manager->retryTimerRunning());
+  EXPECT_TRUE(fs::exists(host_.layout().databasesDirectory() + "/DFDownloadManager.sqlite"));
+  EXPECT_EQ(std::tuple(manager->maxActiveDownloadCount(), manager->useCellularData(), manager->downloadsPermitted()),
+            std::tuple(3, true, true));
+  // Stored values are used as they are, even those the settings page would not offer.
   for (int64_t count : {0, -1, 7}) {
     manager->setMaxActiveDownloadCount(count);
     host_.reloadDefaults();  // what a restart would read from disk
