@@ -142,11 +142,8 @@ TEST_F(SchedulingTest, TheGateStopsEveryTransferOnceEachAndAFailedRecordWaitsTen
   const Events stopped = {"stopped f0", "stopped f1", "stopped f2"};
   EXPECT_EQ(journal_->take(), stopped);
   EXPECT_EQ(second->take(), stopped);
+  // A lost route and its return: EndToEndTest.LosingTheNetworkStopsEachTransferOnceAndItsReturnResumesThem.
   manager->setUseCellularData(true);
-  EXPECT_EQ(running(*manager).size(), 3u);
-  host_.network().setState(false, false);  // the route disappears
-  EXPECT_TRUE(running(*manager).empty());
-  host_.network().setState(true, true);
   EXPECT_EQ(running(*manager).size(), 3u);
   manager->setDownloadsPermitted(false);
   EXPECT_TRUE(running(*manager).empty());
