@@ -8,7 +8,7 @@ import { readFile, writeFile } from 'node:fs/promises';
 import path from 'node:path';
 import {
   LONG, sleep, TIP, MARKUP, browser, useHost, api, queue, seedQueue, openPage, openMenu, eventually, rows, titles, tools,
-  tool, selectRow, shot, enterUrl, takeAlert,
+  tool, selectRow, enterUrl, takeAlert,
 } from './support.mjs';
 
 // --- Groups -----------------------------------------------------------------
@@ -21,7 +21,7 @@ describe('adding a URL through the screen', { timeout: 8 * 60_000 }, () => {
     'later.txt': { body: Buffer.from('later\n'), type: 'text/plain' },
   } });
 
-  test('an empty queue allows only entering a URL; an incorrect URL or a cancelled check adds nothing', async (t) => {
+  test('an incorrect URL or a cancelled check adds nothing; a file goes from the queue to Documents and Recent', async (t) => {
     const page = await openPage(t, h.shelf.url, { menu: 'Downloads' });
     await eventually(() => tools(page), (v) => assert.deepEqual(v,
       { 'Enter URL': true, Start: false, Stop: false, Remove: false, 'Select All': false, 'Deselect All': false }));
@@ -37,10 +37,7 @@ describe('adding a URL through the screen', { timeout: 8 * 60_000 }, () => {
     assert.equal(await page.locator('#alert[open], #tip:not([hidden])').count(), 0);
     assert.deepEqual(await rows(page), []);
     assert.deepEqual(await queue(h.shelf.url), []);
-  });
 
-  test('the file goes from the queue to Documents and Recent', { timeout: 5 * 60_000 }, async (t) => {
-    const page = await openPage(t, h.shelf.url, { menu: 'Downloads' });
     await enterUrl(page, h.files.url('big.dat'));
     await page.waitForSelector('#overlay:not([hidden])');
     assert.equal(await page.textContent('#overlay .overlay-message'), 'Checking URL...');
@@ -66,7 +63,8 @@ describe('adding a URL through the screen', { timeout: 8 * 60_000 }, () => {
 
   // Offered once within a run is the bridge's (host_test); that it is remembered is the root's.
   test('the tip is not offered again after a restart', { timeout: 5 * 60_000 }, async (t) => {
-    await h.restart();
+    await h.shelf.stop();
+    await h.start();
     const page = await openPage(t, h.shelf.url, { menu: 'Downloads' });
     await enterUrl(page, h.files.url('later.txt'));
     assert.equal(await takeAlert(page), 'File added to download queue');
@@ -88,12 +86,11 @@ describe('selection and the toolbar', { timeout: 5 * 60_000 }, () => {
       page = await openPage(h.defer, h.shelf.url, { menu: 'Downloads' });
       await eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => [r.title, r.status]),
         [['f0.zip', 'queued'], ['f1.zip', 'stopped'], ['f2.zip', 'queued'], ['f3.zip', 'stopped']]));
-      await shot(page, 'downloads');
     },
   });
   const selected = async (want, why) => eventually(() => rows(page), (v) => assert.deepEqual(v.map((r) => r.selected), want, why));
 
-  test('taps and keys select rows and the toolbar follows', async () => {
+  test('taps and keys select rows, the toolbar follows, and removing asks first', async () => {
     const none = { 'Enter URL': true, Start: false, Stop: false, Remove: false, 'Select All': true, 'Deselect All': false };
     const some = { ...none, Remove: true, 'Deselect All': true };
     await selectRow(page, 0);
@@ -122,9 +119,8 @@ describe('selection and the toolbar', { timeout: 5 * 60_000 }, () => {
     await page.keyboard.press('Delete');
     await sleep(300);
     assert.equal(await page.getByRole('dialog').count(), 0, 'Remove is disabled with nothing selected, so Delete does nothing');
-  });
 
-  test('removing rows 0 and 2 asks first; cancel keeps them selected', async () => {
+    // Removing rows 0 and 2 asks first; cancel keeps them selected.
     await selectRow(page, 0);
     await selectRow(page, 2);
     await eventually(() => tools(page), (v) => assert.equal(v.Remove, true));
@@ -158,7 +154,6 @@ describe('the settings page', { timeout: 5 * 60_000 }, () => {
       return [...v.map((r) => r.texts[0]), v[2]?.texts.at(-1)];
     };
     await eventually(shown, (v) => assert.deepEqual(v, [...labels, '2']));
-    await shot(page, 'settings');
     const stepper = page.getByRole('group', { name: 'Active Downloads Count' });
     const decrease = stepper.getByRole('button', { name: 'Decrease' });
     for (const [control, value] of [[decrease, 1], [stepper.getByRole('button', { name: 'Increase' }), 2]]) {
@@ -211,9 +206,8 @@ describe('security', { timeout: 5 * 60_000 }, () => {
     });
     await new Promise((r) => framer.listen(0, '127.0.0.1', r));
     t.after(() => new Promise((r) => framer.close(r)));
-    const context = await browser.newContext();
-    t.after(() => context.close());
-    const page = await context.newPage();
+    const page = await browser.newPage();
+    t.after(() => page.close());
     const sockets = [];
     page.on('websocket', (ws) => sockets.push(ws.url()));
     await page.goto(`http://127.0.0.1:${framer.address().port}/`, { waitUntil: 'load' });

@@ -37,10 +37,6 @@ export function useHost({ files, args = [], ready } = {}) {
   h.start = async (port = 0) => {
     h.shelf = await startShelf(h.root, args, port);
   };
-  h.restart = async () => {
-    await h.shelf.stop();
-    await h.start(new URL(h.shelf.url).port);
-  };
   before(async () => {
     h.root = await mkdtemp(path.join(os.tmpdir(), 'shelf-host-test-'));
     h.docs = path.join(h.root, 'Documents');
@@ -53,11 +49,10 @@ export function useHost({ files, args = [], ready } = {}) {
     h.defer(() => h.shelf.stop());
     await ready?.(h);
   });
+  // Every cleanup runs; the first failure is reported.
   after(async () => {
     const errors = [];
-    while (fns.length) {
-      try { await fns.pop()(); } catch (e) { errors.push(e); }
-    }
+    while (fns.length) await Promise.resolve().then(fns.pop()).catch((e) => errors.push(e));
     if (errors.length) throw errors[0];
   });
   return h;
