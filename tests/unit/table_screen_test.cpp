@@ -51,10 +51,13 @@ std::vector<int64_t> selectedRows(const platform::TableScreenController& control
   return rows;
 }
 
-TEST(TableScreen, SelectionShiftsWithInsertionsAndDeletionsAndKeepsItsOrder) {
+TEST(TableScreen, SelectionShiftsWithInsertionsAndDeletionsAndPatchesCarryRowChangesBeforeNewCells) {
   TestHost host;
   auto controller = std::make_shared<NumbersController>(10);
   controller->loadView();
+  auto snapshot = controller->snapshot();
+  EXPECT_EQ(snapshot["sections"][0]["heights"], nlohmann::json::parse("[[44.0, 10]]"));
+  EXPECT_EQ(snapshot["sections"][0]["cells"].size(), 10u);
   for (int64_t row : {5, 2, 7}) controller->selectCellAtRow(row, 0);
 
   struct Step {
@@ -76,6 +79,18 @@ TEST(TableScreen, SelectionShiftsWithInsertionsAndDeletionsAndKeepsItsOrder) {
     EXPECT_EQ(selectedRows(*controller), step.selected);
   }
   EXPECT_EQ(controller->rowCount(0), 10);
+
+  // A patch carries the row changes, then the cells of the new rows, then the selection.
+  controller->takePatchOps();
+  controller->insert(10);
+  controller->selectCellAtRow(10, 0);
+  auto ops = controller->takePatchOps();
+  ASSERT_EQ(ops.size(), 3u) << ops.dump();
+  EXPECT_EQ(ops[0], nlohmann::json::parse(R"({"op": "insertRows", "section": 0, "rows": [10], "heights": [44.0]})"));
+  EXPECT_EQ(ops[1]["op"], "cells");
+  EXPECT_EQ(ops[1]["cells"][0]["row"], 10);
+  EXPECT_EQ(ops[2], nlohmann::json::parse(R"({"op": "selection", "rows": [[0, 6], [0, 0], [0, 10]], "keys": []})"));
+  EXPECT_FALSE(controller->hasPendingChanges());
 }
 
 TEST(TableScreen, CellsAreMadeForVisibleRowsOnlyAndReused) {
@@ -100,25 +115,6 @@ TEST(TableScreen, CellsAreMadeForVisibleRowsOnlyAndReused) {
   controller->setVisibleRows(0, 0, 9999);
   EXPECT_LT(controller->cellsCreated(), 250);
   EXPECT_EQ(controller->cellAtRow(9999, 0), nullptr);
-}
-
-TEST(TableScreen, PatchesCarryRowChangesBeforeTheCellsOfTheNewRows) {
-  TestHost host;
-  auto controller = std::make_shared<NumbersController>(3);
-  controller->loadView();
-  auto snapshot = controller->snapshot();
-  EXPECT_EQ(snapshot["sections"][0]["heights"], nlohmann::json::parse("[[44.0, 3]]"));
-  EXPECT_EQ(snapshot["sections"][0]["cells"].size(), 3u);
-
-  controller->insert(3);
-  controller->selectCellAtRow(3, 0);
-  auto ops = controller->takePatchOps();
-  ASSERT_EQ(ops.size(), 3u) << ops.dump();
-  EXPECT_EQ(ops[0], nlohmann::json::parse(R"({"op": "insertRows", "section": 0, "rows": [3], "heights": [44.0]})"));
-  EXPECT_EQ(ops[1]["op"], "cells");
-  EXPECT_EQ(ops[1]["cells"][0]["row"], 3);
-  EXPECT_EQ(ops[2], nlohmann::json::parse(R"({"op": "selection", "rows": [[0, 3]], "keys": []})"));
-  EXPECT_FALSE(controller->hasPendingChanges());
 }
 
 class Tab {
