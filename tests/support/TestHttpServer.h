@@ -13,7 +13,6 @@
 #include <vector>
 
 struct RecordedRequest {
-  std::string method;  // "GET", "HEAD"
   std::string target;  // path + query as received
   std::vector<std::pair<std::string, std::string>> headers;
   std::optional<std::string> header(std::string_view name) const;  // case-insensitive, first match
@@ -53,7 +52,6 @@ class TestHttpServer {
   TestHttpServer(const TestHttpServer&) = delete;
   TestHttpServer& operator=(const TestHttpServer&) = delete;
 
-  uint16_t port() const;
   std::string url(std::string_view path) const;  // "http://127.0.0.1:PORT" + path
 
   // Static behaviour for a path (exact match of the path part of the target, query ignored).
