@@ -18,13 +18,9 @@ try {
   if (command === 'add') {
     const [base, url] = rest;
     const { status, text } = await request('POST', `${base}api/downloads`, JSON.stringify({ url }), 180_000);
-    if (status === 201) {
-      const d = JSON.parse(text).download;
-      console.log(`${status} ${d.uniqueId} ${d.outputFilename}`);
-      process.exit(0);
-    }
-    console.log(`${status} ${text}`);
-    process.exit(1);
+    const added = status === 201 && JSON.parse(text).download;
+    console.log(added ? `${status} ${added.uniqueId} ${added.outputFilename}` : `${status} ${text}`);
+    process.exit(added ? 0 : 1);
   } else if (command === 'queue') {
     const [base, save] = rest;
     const { status, text } = await request('GET', `${base}api/downloads`, undefined, 30_000);
@@ -37,16 +33,11 @@ try {
     const sum = (key) => list.reduce((n, d) => n + (Number(d[key]) || 0), 0);
     console.log(`${list.length} ${sum('position')} ${sum('size')}`);
   } else if (command === 'smallest-program') {
-    const probe = JSON.parse(fs.readFileSync(rest[0], 'utf8'));
-    let best = null;
-    for (const program of probe.programs || []) {
-      for (const stream of program.streams || []) {
-        if (stream.codec_type !== 'video' || !stream.width) continue;
-        if (!best || stream.width < best.width) best = { id: program.program_id, width: stream.width };
-      }
-    }
-    if (!best) process.exit(1);
-    console.log(best.id);
+    // [width, program] of every video stream; the first of the narrowest wins (the sort is stable).
+    const videos = (JSON.parse(fs.readFileSync(rest[0], 'utf8')).programs || []).flatMap((program) => (program.streams || [])
+      .filter((stream) => stream.codec_type === 'video' && stream.width).map((stream) => [stream.width, program.program_id]));
+    if (!videos.length) process.exit(1);
+    console.log(videos.sort((a, b) => a[0] - b[0])[0][1]);
   } else {
     console.error('usage: soak_client.mjs add BASE URL | queue BASE [SAVE] | smallest-program FILE');
     process.exit(2);

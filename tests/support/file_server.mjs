@@ -22,12 +22,6 @@ const TYPES = { '.m3u8': 'application/vnd.apple.mpegurl', '.ts': 'video/mp2t', '
 // Timers that do not keep the process alive once the server is closed.
 const sleep = (ms) => new Promise((r) => setTimeout(r, ms).unref());
 
-async function readAt(file, at, length) {
-  const { bytesRead, buffer } = await file.read(Buffer.alloc(length), 0, length, at);
-  if (bytesRead === 0) throw new Error('short file');
-  return buffer.subarray(0, bytesRead);
-}
-
 export async function startFileServer(lookup, { rate = 0, drop, log = () => {} } = {}) {
   const sockets = new Set(), drops = new Map();
   // The bytes all responses share: a response waits for its turn on one clock.
@@ -78,7 +72,10 @@ export async function startFileServer(lookup, { rate = 0, drop, log = () => {} }
     try {
       for (let sent = 0; sent < cut && !closed; ) {
         const n = Math.min(16 * 1024, cut - sent);
-        const chunk = file ? await readAt(file, first + sent, n) : entry.body.subarray(first + sent, first + sent + n);
+        const { bytesRead, buffer } = file ? await file.read(Buffer.alloc(n), 0, n, first + sent)
+          : { bytesRead: n, buffer: entry.body.subarray(first + sent) };
+        if (bytesRead === 0) throw new Error('short file');
+        const chunk = buffer.subarray(0, bytesRead);
         // An entry's own rate paces each of its responses on top of the shared one.
         const own = entry.rate ? begun + ((sent + chunk.length) * 1000) / entry.rate - Date.now() : 0;
         const wait = Math.max(reserve(chunk.length), own);
