@@ -117,26 +117,26 @@ test('dialogs send their answers, dialogClose closes silently, and server texts 
   const scr = screen(1, 60, { title: '<i>t</i>' });
   scr.sections[0].cells = [{ row: 0, view: { id: 1, kind: 'cell', children: [label(2, '<b>x</b>', 'smallDetail')] } }];
   const { page, sent, push } = await open(t, scr);
-  push({ t: 'dialog', id: 7, kind: 'confirm', title: 'Delete?', text: 'a.pdf', ok: 'Delete', cancel: 'Keep' });
-  await page.waitForSelector('#dialog[open]');
-  assert.equal(await page.locator('#dialog .dialog-input').isVisible(), false);
-  assert.equal(await page.textContent('#dialog .dialog-cancel'), 'Keep');
-  await page.click('#dialog .dialog-ok');
-  assert.deepEqual(await until('answer', () => sent.find((m) => m.t === 'dialog')), { t: 'dialog', id: 7, ok: true, text: '' });
-  await page.waitForSelector('#dialog:not([open])', { state: 'attached' });
-
-  push({ t: 'dialog', id: 8, kind: 'input', title: null, text: null, placeholder: 'Password', ok: 'Go', cancel: 'Cancel', secure: true });
-  await page.waitForSelector('#dialog[open]');
-  assert.equal(await page.getAttribute('.dialog-input', 'type'), 'password');
-  await page.fill('.dialog-input', 'abc');
-  await page.press('.dialog-input', 'Enter');
-  assert.deepEqual(await until('input answer', () => sent.find((m) => m.id === 8)), { t: 'dialog', id: 8, ok: true, text: 'abc' });
-
-  push({ t: 'dialog', id: 9, kind: 'confirm', ok: 'OK', cancel: 'Cancel' });
-  await page.waitForSelector('#dialog[open]');
-  push({ t: 'dialogClose', id: 9 });
-  await page.waitForSelector('#dialog:not([open])', { state: 'attached' });
-  assert.equal(sent.filter((m) => m.t === 'dialog').length, 2);
+  // Each dialog, how it is answered, and what the page sends (nothing when the host closes it).
+  const dialogs = [
+    [{ id: 7, kind: 'confirm', title: 'Delete?', text: 'a.pdf', ok: 'Delete', cancel: 'Keep' },
+      () => page.click('#dialog .dialog-ok'), { ok: true, text: '' }],
+    [{ id: 8, kind: 'input', title: null, text: null, placeholder: 'Password', ok: 'Go', cancel: 'Cancel', secure: true },
+      () => page.fill('.dialog-input', 'abc').then(() => page.press('.dialog-input', 'Enter')), { ok: true, text: 'abc' }],
+    [{ id: 9, kind: 'confirm', ok: 'OK', cancel: 'Cancel' }, () => push({ t: 'dialogClose', id: 9 }), null],
+  ];
+  for (const [m, answer, answered] of dialogs) {
+    push({ t: 'dialog', ...m });
+    await page.waitForSelector('#dialog[open]');
+    assert.equal(await page.textContent('#dialog .dialog-cancel'), m.cancel);
+    const input = await page.locator('#dialog .dialog-input').evaluate((e) => e.checkVisibility() && e.type);
+    assert.equal(input, m.kind === 'input' && (m.secure ? 'password' : 'text'), `input of dialog ${m.id}`);
+    await answer();
+    await page.waitForSelector('#dialog:not([open])', { state: 'attached' });
+    const reply = () => sent.find((a) => a.t === 'dialog' && a.id === m.id);
+    if (answered) assert.deepEqual(await until('answer', reply), { t: 'dialog', id: m.id, ...answered });
+  }
+  assert.equal(sent.filter((a) => a.t === 'dialog').length, 2, 'a dialog the host closed is not answered');
 
   push({ t: 'alert', id: 4, text: '<img src=x onerror=alert(1)>' });
   await page.waitForSelector('#alert[open]');

@@ -65,8 +65,7 @@ async function startShelf(root, args, port) {
   const child = spawn('timeout', ['-k', '15', '900', SHELF, 'serve', '--root', root, '--port', String(port), ...args],
     { env, stdio: ['ignore', 'pipe', 'pipe'] });
   let out = '';
-  child.stdout.on('data', (d) => { out += d; });
-  child.stderr.on('data', (d) => { out += d; });
+  for (const stream of [child.stdout, child.stderr]) stream.on('data', (d) => { out += d; });
   const exited = new Promise((r) => child.once('exit', r));
   const stop = async () => {
     if (child.exitCode === null && child.signalCode === null) child.kill('SIGTERM');
