@@ -175,27 +175,23 @@ TEST_F(EndToEndTest, LosingTheNetworkOrTheProcessResumesFromTheLastCompleteChunk
 
 // A small tmpfs for the documents folder, in a mount namespace of the calling
 // thread only (the main loop runs here), so nothing outside the test sees it.
-class SmallDocumentsFolder {
- public:
-  explicit SmallDocumentsFolder(const std::string& path) : path_(path) {
+struct SmallDocumentsFolder {
+  explicit SmallDocumentsFolder(const std::string& path) : path(path) {
     fs::create_directories(path);
-    mounted_ = ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-               ::mount("tmpfs", path.c_str(), "tmpfs", 0, "size=1m") == 0;
+    mounted = ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+              ::mount("tmpfs", path.c_str(), "tmpfs", 0, "size=1m") == 0;
   }
   ~SmallDocumentsFolder() {
-    if (mounted_) ::umount(path_.c_str());
+    if (mounted) ::umount(path.c_str());
   }
-  bool mounted() const { return mounted_; }
-
- private:
-  std::string path_;
-  bool mounted_ = false;
+  const std::string path;
+  bool mounted = false;
 };
 
 TEST_F(EndToEndTest, AFullDocumentsFolderKeepsTheFileUntilThereIsRoom) {
   const std::string documents = host_.layout().root + "/Small";
   SmallDocumentsFolder small(documents);
-  if (!small.mounted()) GTEST_SKIP() << "mounting a tmpfs needs root";
+  if (!small.mounted) GTEST_SKIP() << "mounting a tmpfs needs root";
   platform::FileManager::setDefaultManager(std::make_shared<shelfkit::PosixFileManager>(host_.layout().library, documents));
   const int64_t size = 400000;  // two fit in the 1 MiB folder, three do not
   for (const char* name : {"/one.dat", "/two.dat", "/three.dat"}) server_.setRoute(name, {.size = size});

@@ -27,20 +27,20 @@ int64_t temporaryFileSize(const std::string& out) {
 }
 
 // The position saved in the state's record database for the download of
-// `name`: where a new run continues. -1 when there is none (yet).
-int64_t savedPosition(const std::string& out, const std::string& name) {
+// big.dat: where a new run continues. -1 when there is none (yet).
+int64_t savedPosition(const std::string& out) {
   sqlite3* db = nullptr;
   int64_t position = -1;
+  auto read = [](void* into, int, char** values, char**) {
+    *static_cast<int64_t*>(into) = values[0] ? std::stoll(values[0]) : -1;
+    return 0;
+  };
   const std::string path = statePath(out) + "/Databases/DFDownloadManager.sqlite";
-  const std::string query = "SELECT json_extract(CAST(data AS TEXT), '$.position.int64') FROM items "
-                            "WHERE json_extract(CAST(data AS TEXT), '$.filename.string') = '" + name + "'";
-  if (fs::exists(path) && sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-    auto read = [](void* into, int, char** values, char**) {
-      *static_cast<int64_t*>(into) = values[0] ? std::stoll(values[0]) : -1;
-      return 0;
-    };
-    sqlite3_exec(db, query.c_str(), read, &position, nullptr);
-  }
+  if (fs::exists(path) && sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK)
+    sqlite3_exec(db,
+                 "SELECT json_extract(CAST(data AS TEXT), '$.position.int64') FROM items "
+                 "WHERE json_extract(CAST(data AS TEXT), '$.filename.string') = 'big.dat'",
+                 read, &position, nullptr);
   sqlite3_close(db);
   return position;
 }
@@ -90,9 +90,9 @@ TEST(ShelfGetResume, AnInterruptedRunContinuesFromTheLastCompleteChunk) {
     if (c.signal == 0) firstCommand.insert(firstCommand.end(), {"--tries", "1"});
     ShelfProcess first(firstCommand);
     ASSERT_TRUE(waitFor([&] {
-      return temporaryFileSize(out) == kept && savedPosition(out, "big.dat") == kept &&
+      return temporaryFileSize(out) == kept && savedPosition(out) == kept &&
              first.output().find(out + "/small.txt\n") != std::string::npos;
-    }));
+    })) << first.output() << "kept " << temporaryFileSize(out) << ", saved " << savedPosition(out);
     if (c.signal != 0) first.signal(c.signal);
     EXPECT_EQ(first.wait(), c.status) << first.output();
     EXPECT_NE(first.output().find(c.said), std::string::npos) << first.output();

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <sys/statfs.h>
-
 #include <atomic>
 #include <filesystem>
 #include <fstream>
