@@ -122,11 +122,13 @@ TEST_F(DownloadsScreenTest, ButtonsFollowTheSelectionAndActOnIt) {
   EXPECT_EQ(buttons(*screen), (std::vector<bool>{false, false, false, true, false, true}));
 }
 
-TEST_F(DownloadsScreenTest, RemoveAsksFirstAndDeletesTheSelectedRowsOnlyWhenConfirmed) {
-  for (const char* name : {"a.zip", "b.zip", "c.zip", "d.zip"}) queue(name);
+TEST_F(DownloadsScreenTest, RemoveAsksFirstDeletesOnlyWhenConfirmedAndASelectionComesBackForWhatIsLeft) {
+  auto a = queue("a.zip"), b = queue("b.zip"), c = queue("c.zip"), d = queue("d.zip");
   auto screen = openScreen();
   screen->userSelectRow(1, 0, true);
   screen->userSelectRow(3, 0, true);
+  EXPECT_EQ(screen->snapshot()["selectionKeys"], (nlohmann::json{b->uniqueId(), d->uniqueId()}));
+  const auto selectedButtons = buttons(*screen);
 
   screen->removeButton().tap();
   ASSERT_EQ(dialogs_->requests.size(), 1u);
@@ -150,6 +152,17 @@ TEST_F(DownloadsScreenTest, RemoveAsksFirstAndDeletesTheSelectedRowsOnlyWhenConf
   screen.reset();
   dialogs_->answer(true);
   EXPECT_EQ(manager_->downloadOperations().size(), 2u);
+
+  // A new screen, as after a restart, restores what is still there; a name it
+  // never had selects nothing.
+  auto after = openScreen();
+  after->restoreSelection({b->uniqueId(), "not-a-download", c->uniqueId()});
+  ASSERT_EQ(after->indexPathsForSelectedRows().size(), 1u);
+  EXPECT_EQ(after->downloadOperations().at(after->indexPathsForSelectedRows()[0].row), c);
+  EXPECT_EQ(buttons(*after), selectedButtons) << "restored as taps would, so the toolbar follows";
+  // Only into an empty selection: what the user selected since stays.
+  after->restoreSelection({a->uniqueId()});
+  EXPECT_EQ(after->indexPathsForSelectedRows().size(), 1u);
 }
 
 TEST_F(DownloadsScreenTest, EnteredTextGoesToTheManagerOrShowsIncorrectURL) {
@@ -293,24 +306,3 @@ TEST(Registration, LoadingTheModuleRegistersOneEntryEachWithItsImagesAndTexts) {
 }
 
 }  // namespace
-
-TEST_F(DownloadsScreenTest, ASelectionComesBackOnANewScreenForTheDownloadsStillThere) {
-  auto a = queue("a.zip"), b = queue("b.zip"), c = queue("c.zip");
-  auto before = openScreen();
-  before->userSelectRow(0, 0, true);
-  before->userSelectRow(2, 0, true);
-  EXPECT_EQ(before->snapshot()["selectionKeys"], (nlohmann::json{a->uniqueId(), c->uniqueId()}));
-  const auto selectedButtons = buttons(*before);
-
-  // A new screen, as after a restart, that no longer has a; a name it never
-  // had and a mistyped one select nothing.
-  manager_->removeDownloadOperation(a);
-  auto after = openScreen();
-  after->restoreSelection({a->uniqueId(), "not-a-download", c->uniqueId()});
-  ASSERT_EQ(after->indexPathsForSelectedRows().size(), 1u);
-  EXPECT_EQ(after->downloadOperations().at(after->indexPathsForSelectedRows()[0].row), c);
-  EXPECT_EQ(buttons(*after), selectedButtons) << "restored as taps would, so the toolbar follows";
-  // Only into an empty selection: what the user selected since stays.
-  after->restoreSelection({b->uniqueId()});
-  EXPECT_EQ(after->indexPathsForSelectedRows().size(), 1u);
-}
