@@ -130,7 +130,7 @@ class Tab {
   std::shared_ptr<shelfkit::ScreenSession> session;
 };
 
-TEST(ScreenSession, ManyChangesInOneTurnMakeOnePatchAndHiddenCellsSendNothing) {
+TEST(ScreenSession, ChangesAreCoalescedAndThrottledAndHiddenCellsSendNothing) {
   TestHost host;
   Tab tab;
   auto controller = std::make_shared<NumbersController>(100);
@@ -164,16 +164,10 @@ TEST(ScreenSession, ManyChangesInOneTurnMakeOnePatchAndHiddenCellsSendNothing) {
   host.loop().runFor(250ms);
   EXPECT_EQ(tab.patches().size(), before);
 
-}
-
-TEST(ScreenSession, SteadyChangesAreSentAtMostTenTimesASecond) {
-  TestHost host;
-  Tab tab;
-  auto controller = std::make_shared<NumbersController>(10);
-  tab.session->setRoot(controller);
-  auto cell = std::static_pointer_cast<NumberCell>(controller->cellAtRow(0, 0));
+  // Steady changes of a shown cell are sent at most ten times a second.
+  auto shown = std::static_pointer_cast<NumberCell>(controller->cellAtRow(55, 0));
   int changes = 0;
-  auto timer = platform::scheduledTimer(5ms, [&] { cell->label->setText(std::to_string(++changes)); });
+  auto timer = platform::scheduledTimer(5ms, [&] { shown->label->setText(std::to_string(++changes)); });
   const auto start = std::chrono::steady_clock::now();
   host.loop().runFor(1000ms);
   timer->invalidate();
@@ -181,7 +175,7 @@ TEST(ScreenSession, SteadyChangesAreSentAtMostTenTimesASecond) {
   host.loop().runFor(250ms);
   const auto allowed = std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count() / 100 + 2;
   EXPECT_GT(changes, 20);
-  EXPECT_LE(static_cast<int64_t>(tab.patches().size()), allowed);
+  EXPECT_LE(static_cast<int64_t>(tab.patches().size() - before), allowed);
   // The last value always arrives.
   EXPECT_EQ(tab.patches().back()["ops"].back()["props"]["text"], std::to_string(changes));
 }
