@@ -77,12 +77,19 @@ TEST_F(ManagerTest, SavedRecordsComeBackInPriorityOrderAndAnUpdateIsSavedAndTold
   EXPECT_EQ(DFDownloadManager::init()->downloadOperations().front()->position(), 4096);
 }
 
-TEST_F(ManagerTest, AnEmptyStartHasTheDefaultsAndSettersWriteToDiskAtOnce) {
+TEST_F(ManagerTest, AnEmptyStartHasTheDefaultsAndItsTmpFolderAndSettersWriteToDiskAtOnce) {
   auto manager = DFDownloadManager::init();
   EXPECT_TRUE(manager->downloadOperations().empty());
   EXPECT_FALSE(manager->downloadsInProgress());
   EXPECT_TRUE(manager->retryTimerRunning());
   EXPECT_TRUE(fs::exists(host_.layout().databasesDirectory() + "/DFDownloadManager.sqlite"));
+  // Temporary files are named by the record, in a folder made again on every call.
+  const std::string folder = host_.layout().library + "/DownloaderTmpFiles";
+  for (int call = 0; call < 2; ++call) {
+    fs::remove_all(folder);
+    EXPECT_EQ(DFDownloadManager::tmpFilePathForFilename("ABC"), folder + "/ABC");
+    EXPECT_TRUE(fs::is_directory(folder));
+  }
   EXPECT_EQ(std::tuple(manager->maxActiveDownloadCount(), manager->useCellularData(), manager->downloadsPermitted()),
             std::tuple(3, true, true));
   // Stored values are used as they are, even those the settings page would not offer.
@@ -100,15 +107,6 @@ TEST_F(ManagerTest, AnEmptyStartHasTheDefaultsAndSettersWriteToDiskAtOnce) {
   std::ifstream in(host_.layout().preferencesFile());
   EXPECT_EQ(nlohmann::json::parse(in), nlohmann::json::parse(R"({"DFMaxActiveDownloadCountPreference": 7,
       "DFUseCellularDataPreference": false, "DFDownloadsPermittedPreference": false})"));
-}
-
-TEST_F(ManagerTest, TmpFilePathIsNamedByTheRecordInsideItsOwnFolderMadeOnEveryCall) {
-  std::string folder = host_.layout().library + "/DownloaderTmpFiles";
-  for (int call = 0; call < 2; ++call) {
-    fs::remove_all(folder);
-    EXPECT_EQ(DFDownloadManager::tmpFilePathForFilename("ABC"), folder + "/ABC");
-    EXPECT_TRUE(fs::is_directory(folder));
-  }
 }
 
 }  // namespace
