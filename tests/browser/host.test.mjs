@@ -2,7 +2,6 @@
 // file server in this process. Each group gets its own root and its own shelf.
 import { test, describe } from 'node:test';
 import assert from 'node:assert/strict';
-import http from 'node:http';
 import { randomBytes } from 'node:crypto';
 import { readFile, writeFile } from 'node:fs/promises';
 import path from 'node:path';
@@ -186,8 +185,9 @@ describe('in German', { timeout: 5 * 60_000 }, () => {
 // Host, Origin, content type and paths are checked request by request in web_server_test
 // and host_test; here is what takes a real browser, and the rules wired into `shelf serve`.
 describe('security', { timeout: 5 * 60_000 }, () => {
+  const files = { 'x.bin.txt': { body: randomBytes(100), disposition: `attachment; filename="${MARKUP}"` } };
   const h = useHost({
-    files: { 'x.bin.txt': { body: randomBytes(100), disposition: `attachment; filename="${MARKUP}"` } },
+    files,
     ready: async (h) => {
       await writeFile(path.join(h.root, 'Library', 'secret'), 'secret-that-must-not-leak\n');
       await writeFile(path.join(h.docs, 'ok.txt'), 'ok');
@@ -195,18 +195,14 @@ describe('security', { timeout: 5 * 60_000 }, () => {
   });
 
   test('another site can neither show the UI in a frame nor drive the host', async (t) => {
-    // A page of another origin with two frames: its own (which loads) and the shelf's.
-    const framer = http.createServer((req, res) => {
-      res.writeHead(200, { 'content-type': 'text/html' });
-      res.end(req.url === '/own' ? '<p id="own">own</p>' : `<iframe src="/own"></iframe><iframe src="${h.shelf.url}"></iframe>`);
-    });
-    await new Promise((r) => framer.listen(0, '127.0.0.1', r));
-    t.after(() => new Promise((r) => framer.close(r)));
+    // A page of another origin (the file server's) with two frames: its own, which loads, and the shelf's.
+    files['own.html'] = { body: Buffer.from('<p id="own">own</p>'), type: 'text/html' };
+    files['framer.html'] = { body: Buffer.from(`<iframe src="own.html"></iframe><iframe src="${h.shelf.url}"></iframe>`), type: 'text/html' };
     const page = await browser.newPage();
     t.after(() => page.close());
     const sockets = [];
     page.on('websocket', (ws) => sockets.push(ws.url()));
-    await page.goto(`http://127.0.0.1:${framer.address().port}/`, { waitUntil: 'load' });
+    await page.goto(h.files.url('framer.html'), { waitUntil: 'load' });
     const [own, framed] = page.frames().slice(1);
     assert.equal(await own.locator('#own').count(), 1, 'a frame of its own loads');
     assert.equal(await framed.locator('#table').count(), 0, 'the UI is not rendered in the frame');
