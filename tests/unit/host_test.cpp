@@ -85,13 +85,9 @@ void collectTexts(const nlohmann::json& node, std::set<std::string>& texts) {
 TEST(TransferRate, SmoothedOverAFewSecondsAndZeroWhenStalled) {
   using namespace std::chrono_literals;
   const auto t0 = shelf::TransferRate::Clock::time_point() + 1h;
-  struct Report {
-    std::chrono::milliseconds at;
-    int64_t position;
-  };
   struct Case {
     const char* what;
-    std::vector<Report> reports;
+    std::vector<std::pair<std::chrono::milliseconds, int64_t>> reports;  // when, position
     std::chrono::milliseconds now;
     std::optional<double> rate;  // bytes per second
   } cases[] = {
@@ -111,7 +107,7 @@ TEST(TransferRate, SmoothedOverAFewSecondsAndZeroWhenStalled) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     shelf::TransferRate rate;
-    for (const auto& report : c.reports) rate.add(t0 + report.at, report.position);
+    for (const auto& [at, position] : c.reports) rate.add(t0 + at, position);
     EXPECT_NEAR(rate.bytesPerSecond(t0 + c.now).value_or(-1), c.rate.value_or(-1), 1.0);  // -1: no rate
   }
 }
@@ -173,18 +169,12 @@ TEST(DownloadActivity, SaysHowFastWhenItEndsWhyADownloadWaitsAndWhenTheQueueIsHe
 
   platform::DownloadSettings notPermitted;
   notPermitted.downloadsPermitted = false;
-  struct {
-    platform::DownloadSettings settings;
-    bool network;
-    const char* reason;
-  } held[] = {{notPermitted, true, "Downloads are not permitted in Settings."},
-              {{}, false, "No network connection that downloads may use."}};
-  for (const auto& h : held) {
-    auto paused = activity.message(queue, h.settings, h.network, 3, t0, 0)["paused"];
-    EXPECT_EQ(paused["text"], "Downloads are paused");
-    EXPECT_EQ(paused["reason"], h.reason);
-    EXPECT_EQ(paused["menu"], 3);
-  }
+  const auto paused = activity.message(queue, notPermitted, true, 3, t0, 0)["paused"];
+  EXPECT_EQ(paused["text"], "Downloads are paused");
+  EXPECT_EQ(paused["menu"], 3);
+  EXPECT_EQ(paused["reason"], "Downloads are not permitted in Settings.");
+  EXPECT_EQ(activity.message(queue, {}, false, 3, t0, 0)["paused"]["reason"],
+            "No network connection that downloads may use.");
 }
 
 TEST(AccessToken, MadeOnceAndReadableByTheOwnerOnly) {
@@ -531,30 +521,6 @@ TEST_F(BridgeTest, AFloodOfScreenRequestsMakesOneScreenAndAnOverfullInboxClosesT
   EXPECT_EQ(big->closedWith, shelf::CloseReason::PolicyViolation);
 }
 
-TEST_F(BridgeTest, AlertsWaitForATabAndCompleteWhenNoTabIsLeft) {
-  int completions = 0;
-  platform::ProgressOverlay::showAlert(std::string("nobody looks"), [&] { ++completions; });
-  ASSERT_TRUE(host_.runUntil([&] { return completions == 1; })) << "with no tab an alert counts as dismissed";
-
-  auto a = connect(1), b = connect(2);
-  EXPECT_EQ(a->of("hello").size(), 1u);
-  platform::ProgressOverlay::showMessage("Checking URL...", [] {});
-  platform::ProgressOverlay::showAlert(std::string("File added"), [&] { ++completions; });
-  host_.loop().runFor(std::chrono::milliseconds(50));
-  EXPECT_EQ(completions, 1);
-  ASSERT_EQ(b->of("alert").size(), 1u);
-  EXPECT_EQ(b->of("overlay").back()["message"], nullptr) << "the alert takes the place of the message";
-  const auto id = b->of("alert")[0]["id"];
-  say(2, {{"t", "alertDismiss"}, {"id", id}});
-  EXPECT_EQ(completions, 2);
-  EXPECT_EQ(a->of("alertClose").size(), 1u) << "the other tab closes it too";
-
-  platform::ProgressOverlay::showAlert(std::string("left open"), [&] { ++completions; });
-  bridge_->closed(1);
-  bridge_->closed(2);
-  ASSERT_TRUE(host_.runUntil([&] { return completions == 3; }));
-}
-
 TEST_F(BridgeTest, DialogsGoToTheActingTabAndWaitForItToComeBack) {
   auto a = connect(1), b = connect(2);
   say(1, {{"t", "noop"}});  // tab 1 acted last
@@ -590,9 +556,13 @@ TEST_F(BridgeTest, DialogsGoToTheActingTabAndWaitForItToComeBack) {
   EXPECT_EQ(b->of("dialogExpired")[0]["id"], 987654);
 }
 
-TEST_F(BridgeTest, ATipIsShownOnceAndTheOverlayCanBeCancelledFromAnyTab) {
+TEST_F(BridgeTest, AlertsTipsAndTheOverlayAreSharedByTheTabsAndCompleteWhenNoTabIsLeft) {
+  int completions = 0, tipsDone = 0, cancels = 0;
+  platform::ProgressOverlay::showAlert(std::string("nobody looks"), [&] { ++completions; });
+  ASSERT_TRUE(host_.runUntil([&] { return completions == 1; })) << "with no tab an alert counts as dismissed";
+
   auto a = connect(1);
-  int tipsDone = 0, cancels = 0;
+  EXPECT_EQ(a->of("hello").size(), 1u);
   platform::TipsPresenter::showTip("Use the menu.", [&] { ++tipsDone; });
   platform::TipsPresenter::showTip("Use the menu.", [&] { ++tipsDone; });
   ASSERT_TRUE(host_.runUntil([&] { return tipsDone == 1; }));
@@ -601,11 +571,26 @@ TEST_F(BridgeTest, ATipIsShownOnceAndTheOverlayCanBeCancelledFromAnyTab) {
   EXPECT_EQ(tipsDone, 2);
 
   platform::ProgressOverlay::showMessage("Checking URL...", [&] { ++cancels; });
-  auto late = connect(2);
-  EXPECT_EQ(late->of("overlay").back()["message"], "Checking URL...") << "a new tab sees what is shown";
+  auto b = connect(2);
+  EXPECT_EQ(b->of("overlay").back()["message"], "Checking URL...") << "a new tab sees what is shown";
   say(2, {{"t", "overlayCancel"}});
   EXPECT_EQ(cancels, 1);
   EXPECT_EQ(a->of("overlay").back()["message"], nullptr);
+
+  platform::ProgressOverlay::showMessage("Checking URL...", [] {});
+  platform::ProgressOverlay::showAlert(std::string("File added"), [&] { ++completions; });
+  host_.loop().runFor(std::chrono::milliseconds(50));
+  EXPECT_EQ(completions, 1);
+  ASSERT_EQ(b->of("alert").size(), 1u);
+  EXPECT_EQ(b->of("overlay").back()["message"], nullptr) << "the alert takes the place of the message";
+  say(2, {{"t", "alertDismiss"}, {"id", b->of("alert")[0]["id"]}});
+  EXPECT_EQ(completions, 2);
+  EXPECT_EQ(a->of("alertClose").size(), 1u) << "the other tab closes it too";
+
+  platform::ProgressOverlay::showAlert(std::string("left open"), [&] { ++completions; });
+  bridge_->closed(1);
+  bridge_->closed(2);
+  ASSERT_TRUE(host_.runUntil([&] { return completions == 3; }));
 }
 
 }  // namespace
