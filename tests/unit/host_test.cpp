@@ -62,8 +62,7 @@ TEST(FileResolver, SendsOnlyFilesInsideTheirFolders) {
     auto served = resolver.resolve({"GET", path, {}, {}, {}});
     EXPECT_EQ(served ? fs::canonical(served->path) : fs::path(), file ? fs::canonical(root / file) : fs::path());
   }
-  shelf::HttpRequest save{"GET", "/documents/report.pdf", {{"download", "1"}}, {}, {}};
-  auto served = resolver.resolve(save);
+  auto served = resolver.resolve({"GET", "/documents/report.pdf", {{"download", "1"}}, {}, {}});
   ASSERT_TRUE(served);
   EXPECT_TRUE(served->attachment);
   EXPECT_TRUE(served->sandbox) << "a downloaded page must not run in the host's origin";
@@ -256,7 +255,7 @@ class ApiTest : public ::testing::Test {
   std::shared_ptr<ListService> service_ = std::make_shared<ListService>();
 };
 
-TEST_F(ApiTest, DownloadsAreAddedListedStartedStoppedAndRemoved) {
+TEST_F(ApiTest, DownloadsAreAddedListedStartedStoppedAndRemovedAndNeedTheModule) {
   auto added = call("POST", "/api/downloads", R"({"url": "http://files.example/a.zip", "permittedMIMETypes": ["application/zip"]})");
   EXPECT_EQ(added.status, 201);
   auto body = nlohmann::json::parse(added.body);
@@ -277,6 +276,10 @@ TEST_F(ApiTest, DownloadsAreAddedListedStartedStoppedAndRemoved) {
   EXPECT_EQ(call("POST", "/api/downloads/nope/start").status, 404);
   EXPECT_EQ(call("DELETE", "/api/downloads/ID0").status, 204);
   EXPECT_EQ(call("DELETE", "/api/downloads/ID0").status, 404);
+
+  platform::DownloadService::setSharedInstance(nullptr);
+  EXPECT_EQ(call("GET", "/api/downloads").status, 503) << "without the module the downloads API is unavailable";
+  EXPECT_EQ(call("GET", "/api/recent").status, 200);
 }
 
 TEST_F(ApiTest, BadRequestsAreRefusedWithAReasonAndSettingsChangeOnlyWhatIsGiven) {
@@ -387,16 +390,6 @@ TEST_F(ApiTest, DocumentsAreListedDeletedAndRenamedOnlyInsideTheFolderAndRecentF
   EXPECT_EQ(items[0].uniqueId, "A");
   EXPECT_EQ(fs::path(items[0].path), docs / "a renamed.txt");
 }
-
-TEST_F(ApiTest, WithoutTheModuleTheDownloadsApiIsUnavailable) {
-  platform::DownloadService::setSharedInstance(nullptr);
-  EXPECT_EQ(call("GET", "/api/downloads").status, 503);
-  EXPECT_EQ(call("GET", "/api/recent").status, 200);
-}
-
-}  // namespace
-
-namespace {
 
 struct FakeConnection : shelf::WebSocketConnection {
   explicit FakeConnection(uint64_t id) : id_(id) {}
