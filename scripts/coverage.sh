@@ -15,8 +15,11 @@ if ! command -v gcovr >/dev/null; then
 fi
 build="${BUILD_DIR:-$here/build-coverage}"
 
+# Atomic counters: the engine's threads would otherwise tear them, and gcovr stops at
+# the negative count a torn counter can leave.
 cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
-  -DCMAKE_CXX_FLAGS="--coverage -O0" -DCMAKE_C_FLAGS="--coverage -O0" \
+  -DCMAKE_CXX_FLAGS="--coverage -fprofile-update=atomic -O0" \
+  -DCMAKE_C_FLAGS="--coverage -fprofile-update=atomic -O0" \
   -DCMAKE_EXE_LINKER_FLAGS="--coverage" -DCMAKE_SHARED_LINKER_FLAGS="--coverage" >/dev/null
 cmake --build "$build" -j "$(nproc)"
 find "$build" -name '*.gcda' -delete
